@@ -1,0 +1,86 @@
+// The driver's snapshot interface: six ioctl requests on files of an F2FS volume.
+//
+// All records are in native byte order, naturally aligned and without padding. The kernel is the
+// authority on them; what each field means to the library is stated here. Every request returns 0
+// on success and -1 with errno set on failure.
+#pragma once
+
+#include <stdint.h>
+#include <sys/ioctl.h>
+
+#include <cstddef>
+
+#include "export.h"
+
+// Out argument of F2FS_IOC_DEDUP_GET_FILE_INFO. The caller zeroes it before the call.
+struct dedup_file_info {
+    int16_t is_deduped;  // nonzero: the file is deduplicated
+    int16_t is_layered;  // nonzero: the file is prepared already and can be snapshotted as it is
+    uint32_t reserved;   // the kernel's own; never read
+};
+
+// In and out argument of F2FS_IOC_MODIFY_CHECK.
+struct modify_check_info {
+    uint32_t flag;  // set: the bits to place; get: sent as 0, returned as the file's bits
+    uint32_t mode;  // MODIFY_CHECK_SET or MODIFY_CHECK_GET
+};
+
+// In argument of F2FS_IOC_CLONE_FILE.
+struct clone_file_info {
+    int32_t source_fd;  // open descriptor of the file whose data is cloned
+    uint32_t flags;     // CLONE_FLAGS
+};
+
+// In argument of F2FS_IOC_SNAPSHOT_CREATE.
+struct snapshot_create_info {
+    int32_t source_fd;  // open descriptor of the file to snapshot
+    uint32_t flags;     // 0
+};
+
+constexpr uint32_t MODIFY_CHECK_SET = 4;
+constexpr uint32_t MODIFY_CHECK_GET = 8;
+
+// The bits a set places. UNCHANGED is the modification mark: the kernel takes it away when the
+// file's data or size changes, so a get that returns it proves the file untouched since the set.
+constexpr uint32_t MODIFY_CHECK_FLAG = 0x82;
+constexpr uint32_t MODIFY_CHECK_UNCHANGED = 0x2;
+
+constexpr uint32_t CLONE_FLAGS = 0x160;
+
+// clang-format off
+#define F2FS_IOC_MAGIC 0xF5
+//      request                                               number  argument                       issued on; effect
+#define F2FS_IOC_DEDUP_REVOKE        _IOW(F2FS_IOC_MAGIC,       0x66, uint32_t)                   // any file; drops its deduplicated and layered state (word: 0)
+#define F2FS_IOC_DEDUP_GET_FILE_INFO _IOR(F2FS_IOC_MAGIC,       0x67, struct dedup_file_info)     // source; tells its state
+#define F2FS_IOC_CLONE_FILE          _IOW(F2FS_IOC_MAGIC,       0x69, struct clone_file_info)     // unnamed temporary file; takes the source's data
+#define F2FS_IOC_MODIFY_CHECK        _IOWR(F2FS_IOC_MAGIC,      0x6A, struct modify_check_info)   // source or snapshot file; sets or gets its bits
+#define F2FS_IOC_SNAPSHOT_CREATE     _IOW(F2FS_IOC_MAGIC,       0x6C, struct snapshot_create_info) // snapshot file; becomes a snapshot of the source
+#define F2FS_IOC_SNAPSHOT_PREPARE    _IOW(F2FS_IOC_MAGIC,       0x6D, int32_t)                    // source; becomes layered over the clone (word: its descriptor)
+// clang-format on
+
+static_assert(F2FS_IOC_DEDUP_REVOKE == 0x4004F566);
+static_assert(F2FS_IOC_DEDUP_GET_FILE_INFO == 0x8008F567);
+static_assert(F2FS_IOC_CLONE_FILE == 0x4008F569);
+static_assert(F2FS_IOC_MODIFY_CHECK == 0xC008F56A);
+static_assert(F2FS_IOC_SNAPSHOT_CREATE == 0x4008F56C);
+static_assert(F2FS_IOC_SNAPSHOT_PREPARE == 0x4004F56D);
+
+static_assert(sizeof(dedup_file_info) == 8 && offsetof(dedup_file_info, is_deduped) == 0 &&
+              offsetof(dedup_file_info, is_layered) == 2 &&
+              offsetof(dedup_file_info, reserved) == 4);
+static_assert(sizeof(modify_check_info) == 8 && offsetof(modify_check_info, flag) == 0 &&
+              offsetof(modify_check_info, mode) == 4);
+static_assert(sizeof(clone_file_info) == 8 && offsetof(clone_file_info, source_fd) == 0 &&
+              offsetof(clone_file_info, flags) == 4);
+static_assert(sizeof(snapshot_create_info) == 8 &&
+              offsetof(snapshot_create_info, source_fd) == 0 &&
+              offsetof(snapshot_create_info, flags) == 4);
+
+// Gives up a file's deduplicated and layered state (F2FS_IOC_DEDUP_REVOKE); its data stays. For
+// clients of the library: no operation of the library calls it.
+//
+// file_handle  open descriptor of the file; stays open
+//
+// Returns 0 on success, -1 when file_handle is negative (nothing is issued then) or the request
+// failed (errno is the kernel's, but the log line that follows the request may change it).
+extern "C" F2FS_SNAPSHOT_EXPORT int32_t revokeDedupFile(int32_t file_handle);
