@@ -72,8 +72,7 @@ static_assert(sizeof(modify_check_info) == 8 && offsetof(modify_check_info, flag
               offsetof(modify_check_info, mode) == 4);
 static_assert(sizeof(clone_file_info) == 8 && offsetof(clone_file_info, source_fd) == 0 &&
               offsetof(clone_file_info, flags) == 4);
-static_assert(sizeof(snapshot_create_info) == 8 &&
-              offsetof(snapshot_create_info, source_fd) == 0 &&
+static_assert(sizeof(snapshot_create_info) == 8 && offsetof(snapshot_create_info, source_fd) == 0 &&
               offsetof(snapshot_create_info, flags) == 4);
 
 // Gives up a file's deduplicated and layered state (F2FS_IOC_DEDUP_REVOKE); its data stays. For

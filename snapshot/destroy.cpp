@@ -1,0 +1,53 @@
+// Destroy: removes a snapshot root.
+#include "destroy.h"
+
+#include <unistd.h>
+
+#include "log.h"
+#include "paths.h"
+#include "snapshot.h"
+#include "walk.h"
+
+namespace {
+
+bool unlinkEntry(const std::string& path) {
+    const int32_t ret = unlink(path.c_str());
+    if (ret != 0) {
+        LOG_ERROR("unlink [%s] fail ret = %d\n", path.c_str(), ret);
+    }
+    return ret == 0;
+}
+
+}  // namespace
+
+int32_t DestroyDirSnapshotInter(std::string dstpath) {
+    LOG_INFO("DestroyDirSnapshotInter for dstpath [%s] enter\n", dstpath.c_str());
+    const bool opened = forEachEntry(dstpath, [&](const char* name, unsigned char type) {
+        // A failed unlink stops on any result, a subdirectory only on a negative one.
+        switch (type) {
+            case DT_DIR:
+                return DestroyDirSnapshotInter(dstpath + "/" + name) >= 0;
+            case DT_REG:
+            case DT_LNK:
+                return unlinkEntry(dstpath + "/" + name);
+            default:
+                LOG_ERROR("INVALID file_type = %d found and continue\n", type);
+                return true;
+        }
+    });
+    if (!opened) {
+        return -2;
+    }
+    // Tried after a failure too: it then fails on what is left, and so tells the level above.
+    const int32_t ret = rmdir(dstpath.c_str());
+    LOG_INFO("DestroyDirSnapshotInter for dstpath [%s] leave ret = %d\n", dstpath.c_str(), ret);
+    return ret;
+}
+
+int32_t DestroyDirSnapshot(std::string dstpath) {
+    LOG_INFO("------DestroyDirSnapshot for dstpath [%s] entry------\n", dstpath.c_str());
+    if (!checkPathRegulate(dstpath)) {
+        return -1;
+    }
+    return DestroyDirSnapshotInter(dstpath + "/snapshot");
+}

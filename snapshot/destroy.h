@@ -1,0 +1,12 @@
+// Internal: the recursive removal that destroy and a failed create share.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+
+// Removes dstpath and everything under it, bottom-up.
+//
+// Returns the result of removing dstpath itself (0, or -1 when something under it is left), or -2
+// when it cannot be opened.
+int32_t DestroyDirSnapshotInter(std::string dstpath);

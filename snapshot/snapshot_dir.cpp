@@ -1,0 +1,56 @@
+// The first creation: mirrors one source tree into the snapshot.
+#include <errno.h>
+#include <sys/stat.h>
+
+#include "log.h"
+#include "snapshot.h"
+#include "walk.h"
+
+namespace {
+
+int32_t mirrorSubdirectory(const std::string& subdirpath, const std::string& mirrordirpath,
+                           const std::string& rawdstpath) {
+    if (subdirpath == rawdstpath) {
+        // The target lies inside the source: the snapshot stays out of itself.
+        LOG_ERROR("subdirpath %s found same with rawdstpath just continue\n", subdirpath.c_str());
+        return 0;
+    }
+    const int32_t ret = mkdir(mirrordirpath.c_str(), 0770);
+    if (ret != 0) {
+        LOG_ERROR("Failed to mkdir %s\n", mirrordirpath.c_str());
+        return ret;
+    }
+    return CreateSingleDirSnapshot(subdirpath, mirrordirpath, rawdstpath);
+}
+
+int32_t snapshotFile(const std::string& srcdirpath, const char* name,
+                     const std::string& dstdirpath) {
+    const int32_t ret = PreCreateSingleFileSnapshot(srcdirpath, name);
+    return ret != 0 ? ret : CreateSingleFileSnapshot(srcdirpath, name, dstdirpath);
+}
+
+}  // namespace
+
+int32_t CreateSingleDirSnapshot(std::string srcdirpath, std::string dstdirpath,
+                                std::string rawdstpath) {
+    int32_t ret = 0;
+    const bool opened = forEachEntry(srcdirpath, [&](const char* name, unsigned char type) {
+        switch (type) {
+            case DT_DIR:
+                ret = mirrorSubdirectory(srcdirpath + "/" + name, dstdirpath + "/" + name,
+                                         rawdstpath);
+                break;
+            case DT_REG:
+                ret = snapshotFile(srcdirpath, name, dstdirpath);
+                break;
+            case DT_LNK:
+                ret = CreateSingleFileSoftLink(srcdirpath, name, dstdirpath);
+                break;
+            default:
+                LOG_ERROR("INVALID file_type = %d return EINVAL\n", type);
+                ret = -EINVAL;
+        }
+        return ret == 0;  // a snapshot is whole or it fails: anything nonzero stops every level
+    });
+    return opened ? ret : -2;
+}

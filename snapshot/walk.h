@@ -1,0 +1,33 @@
+// The directory-stream loop that prepare, create, check and destroy share.
+#pragma once
+
+#include <dirent.h>
+#include <string.h>
+
+#include <memory>
+#include <string>
+
+#include "log.h"
+
+// Calls onEntry(name, type) for each entry of dirpath except "." and "..", in the stream's order;
+// type is the DT_ value that the stream reports. onEntry returns whether to go on: every walk
+// states its own stop rule there.
+//
+// Returns false, with a log line, when dirpath cannot be opened. A read error counts as the end.
+template <typename OnEntry>
+bool forEachEntry(const std::string& dirpath, OnEntry onEntry) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dirpath.c_str()), closedir);
+    if (!dir) {
+        LOG_ERROR("Failed to open dir %s\n", dirpath.c_str());
+        return false;
+    }
+    while (const dirent* entry = readdir(dir.get())) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
+        if (!onEntry(entry->d_name, entry->d_type)) {
+            break;
+        }
+    }
+    return true;
+}

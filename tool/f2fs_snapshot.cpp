@@ -1,0 +1,1 @@
+// Empty on purpose: the executable's main is the one that the library exports.

@@ -1,0 +1,17 @@
+// Entries of the command-line tool; the executable takes them from the library.
+#pragma once
+
+#include <stdint.h>
+
+#include "export.h"
+
+// Prepares, snapshots and destroys fixed folders of the device: sources /data/media/0/DCIM and
+// /data/media/0/Documents, target /data/media/0/snapshotdir_001.
+//
+// Returns 0, or the first nonzero result; later steps are skipped then.
+extern "C" F2FS_SNAPSHOT_EXPORT int32_t default_testcase();
+
+// Runs one command; see the help text for the commands.
+//
+// Returns the engine's result, or -22 for wrong usage. The exit status is its low eight bits.
+F2FS_SNAPSHOT_EXPORT int main(int argc, char** argv);
