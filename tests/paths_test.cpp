@@ -1,0 +1,89 @@
+#include "paths.h"
+
+#include "fake_kernel.h"
+#include "test_tree.h"
+
+namespace {
+
+using PathsTest = TestTree;
+
+TEST(SplitDirsString, DropsEmptyPiecesAndKeepsEverythingElse) {
+    const std::pair<std::string, std::vector<std::string>> table[] = {
+        {"/a;/b", {"/a", "/b"}},
+        {"/a", {"/a"}},
+        {"", {}},
+        {";", {}},
+        {";;", {}},
+        {";/a;;/b;", {"/a", "/b"}},
+        {" /a", {" /a"}},
+        {"/a;/a", {"/a", "/a"}},
+        {"/a\n;\xFF", {"/a\n", "\xFF"}},
+    };
+    for (const auto& [text, expected] : table) {
+        std::vector<std::string> pieces;
+        splitDirsString(text, ';', pieces);
+        EXPECT_EQ(pieces, expected) << text;
+    }
+    std::vector<std::string> pieces = {"first"};
+    splitDirsString("a:b;c", ':', pieces);
+    EXPECT_EQ(pieces, (std::vector<std::string>{"first", "a", "b;c"}));
+}
+
+TEST_F(PathsTest, OnlyAStepUpInsideThePathIsRejected) {
+    FakeKernel kernel(root);
+    for (const char* path : {"", "..", "../a", "a/..", "/data/x/..", "/data/./x", "//x", "/..",
+                             "/...", "/data/media/0/DCIM", "/data/..x/y"}) {
+        EXPECT_TRUE(kernel.run([&] { return checkPathRegulate(path); })) << path;
+    }
+    EXPECT_EQ(kernel.text(), "");
+    for (const char* path : {"/../", "/data/../x", "x/../", "/data/media/0/../0/DCIM", "//../"}) {
+        EXPECT_FALSE(kernel.run([&] { return checkPathRegulate(path); })) << path;
+        EXPECT_EQ(kernel.text(), std::string("E checkPathRegulate path ") + path + " failed\\n\n");
+    }
+}
+
+TEST_F(PathsTest, MkdirsLoopMakesWhatIsMissing) {
+    FakeKernel kernel(root);
+    const struct {
+        const char* path;
+        const char* calls;
+    } table[] = {
+        {"a/b", "stat $/a = -1\nmkdir $/a 0770 = 0\nstat $/a/b = -1\nmkdir $/a/b 0770 = 0\n"},
+        {"a/b", "stat $/a = 0\nstat $/a/b = 0\n"},
+        {"c/", "stat $/c = -1\nmkdir $/c 0770 = 0\nstat $/c/ = 0\n"},
+        {"a//b", "stat $/a = 0\nstat $/a/ = 0\nstat $/a//b = 0\n"},
+    };
+    for (const auto& [path, calls] : table) {
+        EXPECT_EQ(kernel.run([&] { return mkdirsLoop(at(path).c_str()); }), 0) << path;
+        EXPECT_NE(kernel.text().find(calls), std::string::npos) << kernel.text();
+    }
+    EXPECT_EQ(modeOf(at("a/b")), 0770);
+    EXPECT_EQ(kernel.run([&] { return mkdirsLoop(""); }), 0);
+    EXPECT_EQ(kernel.text(), "");
+}
+
+TEST_F(PathsTest, MkdirsLoopStopsAtTheFirstFailure) {
+    write(at("file"), "");
+    FakeKernel kernel(root);
+    EXPECT_EQ(kernel.run([&] { return mkdirsLoop(at("file/x/y").c_str()); }), -1);
+    EXPECT_EQ(kernel.log(), "E Failed to mkdir $/file/x ret = -1\\n\n");
+    EXPECT_EQ(kernel.run([&] { return mkdirsLoop(at("file/x").c_str()); }), -1);
+    EXPECT_EQ(kernel.log(), "E final Failed to mkdir $/file/x ret = -1\\n\n");
+}
+
+TEST_F(PathsTest, MkdirsLoopTakes254BytesAndEndsTheProcessAt255) {
+    const auto relative = [](size_t length) {
+        return std::string(100, 'a') + "/" + std::string(100, 'b') + "/" +
+               std::string(length - 202, 'c');
+    };
+    const fs::path before = fs::current_path();
+    fs::current_path(root);
+    EXPECT_EQ(mkdirsLoop(relative(254).c_str()), 0);
+    EXPECT_TRUE(fs::is_directory(relative(254)));
+    for (const size_t length : {255, 256, 400}) {
+        EXPECT_DEATH(mkdirsLoop(relative(length).c_str()), "") << length;
+    }
+    fs::current_path(before);
+}
+
+}  // namespace
