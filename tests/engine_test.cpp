@@ -458,8 +458,8 @@ TEST_F(EngineTest, CreateChecksItsPathsFirst) {
               "E empty dirpath size just return 0\\n\n");
     const std::pair<std::vector<std::string>, std::string> table[] = {
         {{at("s"), at("s/../s"), "/../"}, at("d")}, {{at("s")}, at("s/../d")}};
-    for (const auto& [sources, target] : table) {
-        EXPECT_EQ(RUN(CreateDirSnapshot(sources, target)), -1);
+    for (const auto& row : table) {
+        EXPECT_EQ(RUN(CreateDirSnapshot(row.first, row.second)), -1);
         EXPECT_EQ(kernel->trace.size(), 2U);
         EXPECT_EQ(kernel->calls, 0U);
         EXPECT_EQ(kernel->trace.back().find("E checkPathRegulate path $/s/../"), 0U);
@@ -746,9 +746,9 @@ TEST_F(EngineTest, RevokeDedupFile) {
          "DEDUP_REVOKE " + std::to_string(fd) +
              " {0} = 0\nI revoke file_handle = " + std::to_string(fd) + " ret = 0\\n\n"},
     };
-    for (const auto& [file_handle, result, text] : table) {
-        EXPECT_EQ(RUN(revokeDedupFile(file_handle)), result);
-        EXPECT_EQ(kernel->text(), text);
+    for (const auto& row : table) {
+        EXPECT_EQ(RUN(revokeDedupFile(row.file_handle)), row.result);
+        EXPECT_EQ(kernel->text(), row.text);
     }
     EXPECT_EQ(close(fd), 0) << "the caller's descriptor stays open";
 }

@@ -53,9 +53,9 @@ TEST_F(PathsTest, MkdirsLoopMakesWhatIsMissing) {
         {"c/", "stat $/c = -1\nmkdir $/c 0770 = 0\nstat $/c/ = 0\n"},
         {"a//b", "stat $/a = 0\nstat $/a/ = 0\nstat $/a//b = 0\n"},
     };
-    for (const auto& [path, calls] : table) {
-        EXPECT_EQ(kernel.run([&] { return mkdirsLoop(at(path).c_str()); }), 0) << path;
-        EXPECT_NE(kernel.text().find(calls), std::string::npos) << kernel.text();
+    for (const auto& row : table) {
+        EXPECT_EQ(kernel.run([&] { return mkdirsLoop(at(row.path).c_str()); }), 0) << row.path;
+        EXPECT_NE(kernel.text().find(row.calls), std::string::npos) << kernel.text();
     }
     EXPECT_EQ(modeOf(at("a/b")), 0770);
     EXPECT_EQ(kernel.run([&] { return mkdirsLoop(""); }), 0);
@@ -80,7 +80,7 @@ TEST_F(PathsTest, MkdirsLoopTakes254BytesAndEndsTheProcessAt255) {
     fs::current_path(root);
     EXPECT_EQ(mkdirsLoop(relative(254).c_str()), 0);
     EXPECT_TRUE(fs::is_directory(relative(254)));
-    for (const size_t length : {255, 256, 400}) {
+    for (const size_t length : {255U, 256U, 400U}) {
         EXPECT_DEATH(mkdirsLoop(relative(length).c_str()), "") << length;
     }
     fs::current_path(before);
