@@ -1,8 +1,8 @@
 // The driver's snapshot interface: six ioctl requests on files of an F2FS volume.
 //
 // All records are in native byte order, naturally aligned and without padding. The kernel is the
-// authority on them; what each field means to the library is stated here. Every request returns 0
-// on success and -1 with errno set on failure.
+// authority on them; what each field means to the library is stated here. A request returns 0 on
+// success; anything else, normally -1 with errno set, is a failure.
 #pragma once
 
 #include <stdint.h>
@@ -80,6 +80,6 @@ static_assert(sizeof(snapshot_create_info) == 8 && offsetof(snapshot_create_info
 //
 // file_handle  open descriptor of the file; stays open
 //
-// Returns 0 on success, -1 when file_handle is negative (nothing is issued then) or the request
-// failed (errno is the kernel's, but the log line that follows the request may change it).
+// Returns the request's result: 0 on success, normally -1 on failure (errno may be the log's by
+// then). Returns -1 without a request when file_handle is negative.
 extern "C" F2FS_SNAPSHOT_EXPORT int32_t revokeDedupFile(int32_t file_handle);

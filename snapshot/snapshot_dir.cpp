@@ -48,7 +48,7 @@ int32_t CreateSingleDirSnapshot(std::string srcdirpath, std::string dstdirpath,
                 break;
             default:
                 LOG_ERROR("INVALID file_type = %d return EINVAL\n", type);
-                ret = -EINVAL;
+                ret = -EINVAL;  // -22
         }
         return ret == 0;  // a snapshot is whole or it fails: anything nonzero stops every level
     });

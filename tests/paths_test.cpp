@@ -27,6 +27,9 @@ TEST(SplitDirsString, DropsEmptyPiecesAndKeepsEverythingElse) {
     std::vector<std::string> pieces = {"first"};
     splitDirsString("a:b;c", ':', pieces);
     EXPECT_EQ(pieces, (std::vector<std::string>{"first", "a", "b;c"}));
+    pieces = {"a text too long to be kept in place;/b;/c"};
+    splitDirsString(pieces[0], ';', pieces);
+    EXPECT_EQ(pieces.size(), 4U) << "a list may be split into itself";
 }
 
 TEST_F(PathsTest, OnlyAStepUpInsideThePathIsRejected) {

@@ -31,7 +31,7 @@ size_t checkedLength(const char* buffer) {
 #endif
 }
 
-// Anything that stat finds counts as present; what is no directory fails the next mkdir below it.
+// Anything that stat finds counts as present, a plain file too: the next call below it fails then.
 int32_t mkdirIfMissing(const char* path) {
     struct stat path_stat = {};
     return stat(path, &path_stat) == 0 ? 0 : mkdir(path, DIRECTORY_MODE);
@@ -40,13 +40,12 @@ int32_t mkdirIfMissing(const char* path) {
 }  // namespace
 
 void splitDirsString(const std::string& text, char delimiter, std::vector<std::string>& pieces) {
-    size_t begin = 0;
-    while (begin < text.size()) {
-        const size_t end = std::min(text.find(delimiter, begin), text.size());
+    const std::string rest = text;  // text may be one of the pieces, which move as they grow
+    for (size_t begin = 0, end = 0; begin < rest.size(); begin = end + 1) {
+        end = std::min(rest.find(delimiter, begin), rest.size());
         if (end > begin) {
-            pieces.push_back(text.substr(begin, end - begin));
+            pieces.push_back(rest.substr(begin, end - begin));
         }
-        begin = end + 1;
     }
 }
 

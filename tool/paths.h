@@ -18,8 +18,8 @@ F2FS_SNAPSHOT_EXPORT void splitDirsString(const std::string& text, char delimite
 // Makes the directory path and every missing directory above it, with mode 0770 less the umask.
 // The path is limited to 254 bytes: a longer one aborts the process.
 //
-// Returns 0 (also for an empty path), or the -1 of the mkdir that failed; directories made before
-// it stay.
+// Returns 0 (also for an empty path, and when the path exists as something else), or the -1 of the
+// mkdir that failed; directories made before it stay.
 int32_t mkdirsLoop(const char* path);
 
 // Tells whether a path is accepted: any path without a "/../" step is. Logs a rejection.
