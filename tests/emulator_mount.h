@@ -1,0 +1,69 @@
+// A volume of the driver emulator for tests: a private folder, mounted below a temporary folder by
+// a daemon of its own, gone with the object whatever became of the test.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+class EmulatorMount {
+  public:
+    // Why volumes cannot be mounted here, or nullptr where they can. Found out without the
+    // emulator, so that its own failure to mount is a failure of the test.
+    static const char* unavailableReason();
+
+    // Makes the folders. Nothing is mounted before start.
+    EmulatorMount();
+    ~EmulatorMount();
+    EmulatorMount(const EmulatorMount&) = delete;
+    EmulatorMount& operator=(const EmulatorMount&) = delete;
+
+    // Starts the daemon, in front, and waits until it serves. False: it did not; errors() tells.
+    bool start(const std::vector<std::string>& options = {});
+    // Sends a signal to the daemon and waits for its end. Returns its exit status, 128 + the signal
+    // that killed it, or -1 when it had to be killed after ten seconds.
+    int stop(int signal);
+    // Waits for an end that comes on its own.
+    int waitForEnd();
+    // Ends the daemon properly and starts another one on the same folder.
+    bool remount();
+    // Ends it without a chance to do anything, and frees the mount point.
+    void kill9();
+
+    const std::filesystem::path& root() const {
+        return root_;
+    }
+    std::filesystem::path backing() const {
+        return root_ / "backing";
+    }
+    std::filesystem::path mount() const {
+        return root_ / "mount";
+    }
+    pid_t pid() const {
+        return pid_;
+    }
+    // What the daemons of this volume wrote to standard error so far.
+    std::string errors() const;
+
+  private:
+    std::filesystem::path root_;
+    std::vector<std::string> options_;
+    pid_t pid_ = -1;
+};
+
+// A test on a mounted volume; skipped, with the reason, where there can be none.
+class EmulatedVolume : public testing::Test {
+  protected:
+    void SetUp() override;
+    // Fails the test when the daemon complained about anything.
+    void TearDown() override;
+
+    std::string at(const std::string& path) const {
+        return (volume.mount() / path).string();
+    }
+
+    EmulatorMount volume;
+};
