@@ -27,6 +27,7 @@ inline std::string contentOf(FILE* file) {
 
 inline Outcome runProcess(const std::vector<std::string>& arguments) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }

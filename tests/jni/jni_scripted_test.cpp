@@ -1,0 +1,288 @@
+// The Java bridge against a scripted VM: what a healthy VM never does, the order of every call,
+// and many threads at once.
+#include <android/log.h>
+#include <jni.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+
+#include <array>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "../test_tree.h"
+#include "f2fs_ioctl.h"
+#include "snapshot_jni.h"
+
+namespace {
+
+constexpr auto create = Java_com_storage_f2fs_libsnapshot_native_createdirsnapshot;
+constexpr auto destroy = Java_com_storage_f2fs_libsnapshot_native_destroydirsnapshot;
+constexpr auto prepare = Java_com_storage_f2fs_libsnapshot_native_precreatedirsnapshot;
+
+// What the bridge asked of the VM and what was logged, in order: one trace for each thread, so that
+// writing it keeps no two threads apart.
+thread_local std::string trace;
+
+void note(std::string line) {
+    for (size_t at = 0; (at = line.find('\n', at)) != std::string::npos;) {
+        line.replace(at, 1, "\\n");
+    }
+    trace += line + "\n";
+}
+
+std::string takeTrace() {
+    return std::exchange(trace, {});
+}
+
+// A string of the VM's; without text its characters are unavailable, as when memory has run out.
+struct ScriptedString : _jstring {
+    const char* name;
+    const char* text;
+    char* lent = nullptr;
+    ScriptedString(const char* string_name, const char* string_text)
+        : name(string_name), text(string_text) {}
+};
+
+using Method = std::tuple<std::string, std::string, void*>;
+
+struct ScriptedEnv : JNIEnv_ {
+    bool has_class = true;
+    jint register_result = 0;
+    std::vector<Method> methods;
+    _jclass found;
+    JNINativeInterface_ table = {};
+
+    ScriptedEnv() : JNIEnv_{&table} {
+        table.FindClass = [](JNIEnv* env, const char* name) {
+            note(std::string("FindClass ") + name);
+            auto* self = static_cast<ScriptedEnv*>(env);
+            return self->has_class ? &self->found : nullptr;
+        };
+        table.RegisterNatives = [](JNIEnv* env, jclass type, const JNINativeMethod* natives,
+                                   jint count) {
+            auto* self = static_cast<ScriptedEnv*>(env);
+            note(type == &self->found ? "RegisterNatives" : "RegisterNatives for another class");
+            for (jint i = 0; i < count; ++i) {
+                self->methods.emplace_back(natives[i].name, natives[i].signature, natives[i].fnPtr);
+            }
+            return self->register_result;
+        };
+        table.DeleteLocalRef = [](JNIEnv* env, jobject object) {
+            const bool is_found = object == &static_cast<ScriptedEnv*>(env)->found;
+            note(is_found ? "DeleteLocalRef" : "DeleteLocalRef of another object");
+        };
+        // Characters end with their release, so that a later use shows.
+        table.GetStringUTFChars = [](JNIEnv*, jstring object, jboolean* is_copy) {
+            auto* string = static_cast<ScriptedString*>(object);
+            note(std::string("get ") + string->name + (is_copy == nullptr ? "" : " with is_copy"));
+            string->lent = string->text == nullptr ? nullptr : strdup(string->text);
+            return const_cast<const char*>(string->lent);
+        };
+        table.ReleaseStringUTFChars = [](JNIEnv*, jstring object, const char* chars) {
+            auto* string = static_cast<ScriptedString*>(object);
+            note(std::string(chars == string->lent ? "release " : "wrong release ") + string->name);
+            memset(string->lent, '#', strlen(string->lent));
+            free(string->lent);
+            string->lent = nullptr;
+        };
+    }
+};
+
+struct ScriptedVm : JavaVM_ {
+    jint result;
+    JNIEnv* env;
+    JNIInvokeInterface_ table = {};
+
+    ScriptedVm(jint get_env_result, JNIEnv* the_env)
+        : JavaVM_{&table}, result(get_env_result), env(the_env) {
+        table.GetEnv = [](JavaVM* vm, void** env_out, jint version) {
+            char line[32];
+            snprintf(line, sizeof line, "GetEnv %#x", static_cast<unsigned>(version));
+            note(line);
+            *env_out = static_cast<ScriptedVm*>(vm)->env;
+            return static_cast<ScriptedVm*>(vm)->result;
+        };
+    }
+};
+
+TEST(JniOnLoad, RegistersOrSaysWhatFailed) {
+    const std::string asked = "GetEnv 0x10006\n";
+    const std::string found = asked + "FindClass android/app/backup/ZarixSnapshotProcesser\n";
+    const std::string success = found + "RegisterNatives\nDeleteLocalRef\nI JNI_OnLoad: success\n";
+    const std::string failed = "E JNI_OnLoad: registerNativeMethods failed\\n\n";
+    // The class reference stays.
+    const std::string not_registered = found + "RegisterNatives\n" +
+                                       "E registerNativeMethods: RegisterNatives failed\\n\n" +
+                                       failed;
+    const struct {
+        jint get_env_result;
+        bool has_env;
+        bool has_class;
+        jint register_result;
+        jint result;
+        std::string trace;
+    } cases[] = {
+        {0, true, true, 0, 0x10006, success},
+        {0, true, true, 1, 0x10006, success},
+        {JNI_EVERSION, true, true, 0, -1, asked + "E JNI_OnLoad: GetEnv failed\\n\n"},
+        {1, true, true, 0, -1, asked + "E JNI_OnLoad: GetEnv failed\\n\n"},
+        {0, false, true, 0, -1, asked + "E JNI_OnLoad: env = NULL\n"},
+        {0, true, false, 0, -1,
+         found + "E registerNativeMethods: FindClass failed for " +
+             "android/app/backup/ZarixSnapshotProcesser\\n\n" + failed},
+        {0, true, true, -1, -1, not_registered},
+        {0, true, true, -7, -1, not_registered},
+    };
+    for (const auto& row : cases) {
+        ScriptedEnv env;
+        env.has_class = row.has_class;
+        env.register_result = row.register_result;
+        ScriptedVm vm(row.get_env_result, row.has_env ? &env : nullptr);
+        EXPECT_EQ(JNI_OnLoad(&vm, nullptr), row.result);
+        EXPECT_EQ(takeTrace(), row.trace);
+    }
+}
+
+TEST(JniOnLoad, MethodTable) {
+    ScriptedEnv env;
+    ScriptedVm vm(0, &env);
+    JNI_OnLoad(&vm, nullptr);
+    takeTrace();
+    const std::vector<Method> expected = {
+        {"native_createdirsnapshot", "(Ljava/lang/String;Ljava/lang/String;)I",
+         reinterpret_cast<void*>(create)},
+        {"native_destroydirsnapshot", "(Ljava/lang/String;)I", reinterpret_cast<void*>(destroy)},
+        {"native_precreatedirsnapshot", "(Ljava/lang/String;)I", reinterpret_cast<void*>(prepare)},
+    };
+    EXPECT_EQ(env.methods, expected);
+}
+
+TEST(JniEntries, StringsWithoutCharacters) {
+    ScriptedString dirpath("dirpath", "/a");
+    ScriptedString dstpath("dstpath", "/b");
+    ScriptedString none("none", nullptr);
+    for (jstring missing : std::array<jstring, 2>{nullptr, &none}) {
+        const std::string asked = missing == nullptr ? "" : "get none\n";
+        ScriptedEnv env;
+        EXPECT_EQ(create(&env, missing, &dstpath), -1);
+        EXPECT_EQ(takeTrace(),
+                  asked + "E dirpath get NULL error return -1 when createdirsnapshot\n");
+        EXPECT_EQ(create(&env, &dirpath, missing), -1);
+        EXPECT_EQ(takeTrace(), "get dirpath\n" + asked +
+                                   "E dstpath get NULL error return -1 when createdirsnapshot\n" +
+                                   "release dirpath\n");
+        EXPECT_EQ(destroy(&env, missing), -1);
+        EXPECT_EQ(takeTrace(),
+                  asked + "E dstpath get NULL error return -1 when destroydirsnapshot\n");
+        EXPECT_EQ(prepare(&env, missing), -1);
+        EXPECT_EQ(takeTrace(),
+                  asked + "E dirpath get NULL error return -1 when precreatedirsnapshot\n");
+    }
+}
+
+TEST(JniEntries, CharactersAreHeldWhileTheEngineWorks) {
+    ScriptedString dirpath("dirpath", ";/no/a;;/../b;");
+    ScriptedString dstpath("dstpath", "/no;/t");
+    ScriptedEnv env;
+    EXPECT_EQ(create(&env, &dirpath, &dstpath), -1);
+    EXPECT_EQ(takeTrace(), R"(get dirpath
+get dstpath
+I JNI native_createsnapshot for dirpath [;/no/a;;/../b;] dstpath [/no;/t]\n
+I ------CreateDirSnapshot for dstpath [/no;/t] entry------\n
+E checkPathRegulate path /../b failed\n
+release dirpath
+release dstpath
+)");
+    EXPECT_EQ(destroy(&env, &dstpath), -2);
+    EXPECT_EQ(takeTrace(), R"(get dstpath
+I JNI native_destroydirsnapshot for dstpath [/no;/t]\n
+I ------DestroyDirSnapshot for dstpath [/no;/t] entry------\n
+I DestroyDirSnapshotInter for dstpath [/no;/t/snapshot] enter\n
+E Failed to open dir /no;/t/snapshot\n
+release dstpath
+)");
+    EXPECT_EQ(prepare(&env, &dirpath), -2);
+    EXPECT_EQ(takeTrace(), R"(get dirpath
+I JNI native_precreatedirsnapshot for dirpath [;/no/a;;/../b;]
+I ------PreCreateDirSnapshot entry------\n
+E Failed to open dir /no/a\n
+E fail to PreCreateSingleDirSnapshot ret = -2\n
+release dirpath
+)");
+}
+
+using JniThreads = TestTree;
+
+TEST_F(JniThreads, CallsOnDifferentTargetsDoNotMeet) {
+    const auto run = [&](size_t caller, std::string& seen) {
+        const std::string source_path = at("source" + std::to_string(caller));
+        const std::string target_path = at("target" + std::to_string(caller));
+        const std::string copy = target_path + "/snapshot" + source_path + "/d/file";
+        ScriptedEnv env;
+        ScriptedString source("source", source_path.c_str());
+        ScriptedString target("target", target_path.c_str());
+        for (int round = 0; round < 10; ++round) {
+            note(std::to_string(prepare(&env, &source)) + " from prepare");
+            note(std::to_string(create(&env, &source, &target)) + " from create");
+            note(fs::exists(copy) ? "made" : "not made");
+            note(std::to_string(destroy(&env, &target)) + " from destroy");
+            note(fs::exists(copy) ? "not removed" : "removed");
+        }
+        seen = takeTrace();
+    };
+    std::array<std::string, 8> seen;
+    std::vector<std::thread> threads;
+    threads.reserve(seen.size());
+    for (size_t caller = 0; caller < seen.size(); ++caller) {
+        fs::create_directories(at("source" + std::to_string(caller) + "/d"));
+        write(at("source" + std::to_string(caller) + "/d/file"), "content");
+        threads.emplace_back(run, caller, std::ref(seen[caller]));
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    // Each thread saw what one alone sees.
+    for (size_t caller = 0; caller < seen.size(); ++caller) {
+        std::string alone;
+        run(caller, alone);
+        EXPECT_EQ(seen[caller], alone);
+        EXPECT_NE(alone.find("0 from create\nmade\n"), std::string::npos) << alone;
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    char line[4096];
+    va_list arguments;
+    va_start(arguments, fmt);
+    vsnprintf(line, sizeof line, fmt, arguments);
+    va_end(arguments);
+    EXPECT_STREQ(tag, "f2fs_snapshot_native");
+    const char* kind = prio == ANDROID_LOG_INFO ? "I " : prio == ANDROID_LOG_ERROR ? "E " : "? ";
+    note(std::string(kind) + line);
+    return 1;
+}
+
+// A driver that grants everything and on which nothing ever changes. It keeps no state, so that
+// the threads share none through it.
+int ioctl(int /*fd*/, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void* record = va_arg(arguments, void*);
+    va_end(arguments);
+    if (request == F2FS_IOC_MODIFY_CHECK) {
+        static_cast<modify_check_info*>(record)->flag = MODIFY_CHECK_UNCHANGED;
+    } else if (request == F2FS_IOC_DEDUP_GET_FILE_INFO) {
+        *static_cast<dedup_file_info*>(record) = {};
+    }
+    return 0;
+}
+
+}  // extern "C"
