@@ -11,7 +11,7 @@ namespace emulator {
 int probeBacking(const char* proc_path, const char*& missing, bool& shares_blocks);
 
 // Takes the set-user-ID and set-group-ID bits away, as the kernel does on a write by anyone but
-// root. It would not do so on a write by the emulator, which may be root.
+// root. It does so for an emulator that is not root; for one that is, this is to be done.
 int dropSetidBits(int fd);
 
 // Makes destination's data and size those of source: by sharing blocks where that works, else by a

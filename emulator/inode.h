@@ -50,7 +50,8 @@ struct Inode : std::enable_shared_from_this<Inode> {
 };
 
 struct FolderEntry {
-    struct stat attributes;  // number and type only
+    ino_t number;
+    unsigned char type;  // DT_REG and so on
     std::string name;
 };
 

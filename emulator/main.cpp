@@ -9,19 +9,20 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "copy.h"
 #include "fuse_api.h"
 #include "inode.h"
+#include "message.h"
 #include "operations.h"
 
 namespace {
@@ -97,23 +98,21 @@ bool openBacking(const Options& options, Volume& volume) {
 // Walks up from the mount point. A mount below the backing folder would have the emulator ask
 // itself and wait for its own answer. The backing folder itself is fine: its descriptor was opened
 // before and leads below the mount.
-bool isBelowBacking(const Volume& volume, int mount_point) {
-    UniqueFd at(dup(mount_point));
-    struct stat here = {};
-    if (fstat(at.get(), &here) != 0) {
-        return false;
-    }
-    for (bool first = true;; first = false) {
-        if (!first && here.st_ino == volume.root->number && here.st_dev == volume.backing_device) {
-            return true;
-        }
-        UniqueFd up(openat(at.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+bool isBelowBacking(const Volume& volume, const UniqueFd& mount_point) {
+    UniqueFd at;
+    struct stat below = {};
+    for (;;) {
+        const int from = at.valid() ? at.get() : mount_point.get();
+        UniqueFd up(openat(from, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct stat above;
         if (!up.valid() || fstat(up.get(), &above) != 0 ||
-            (above.st_ino == here.st_ino && above.st_dev == here.st_dev)) {
-            return false;
+            (above.st_ino == below.st_ino && above.st_dev == below.st_dev)) {
+            return false;  // the root folder is its own parent
         }
-        here = above;
+        if (above.st_ino == volume.root->number && above.st_dev == volume.backing_device) {
+            return true;
+        }
+        below = above;
         at = std::move(up);
     }
 }
@@ -131,7 +130,7 @@ bool checkMountPoint(Options& options, const Volume& volume) {
         return fail(kMount, options.mount_point, EBUSY,
                     "it is a mount point already, to be freed with fusermount3 -u");
     }
-    if (isBelowBacking(volume, fd.get())) {
+    if (isBelowBacking(volume, fd)) {
         return fail(kMount, options.mount_point, "it is inside the backing folder");
     }
     char* const absolute = realpath(options.mount_point.c_str(), nullptr);
@@ -229,7 +228,11 @@ bool serve(Volume& volume, int signals) {
     fuse_buf message = {};
     int received = 0;
     while (fuse_session_exited(volume.session) == 0) {
-        if (poll(waits, 2, -1) < 0 || waits[1].revents != 0) {
+        if (poll(waits, 2, -1) < 0 && errno != EINTR) {
+            received = -errno;
+            break;
+        }
+        if (waits[1].revents != 0) {
             break;
         }
         received = fuse_session_receive_buf(volume.session, &message);
@@ -270,6 +273,9 @@ bool run(Options& options) {
     signal(SIGXFSZ, SIG_IGN);  // a file size limit of the daemon is an error to report
     raiseDescriptorLimit();
     const UniqueFd signals(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!signals.valid()) {
+        return fail("wait for", "signals", errno);
+    }
     Volume volume;
     if (!openBacking(options, volume) || !checkMountPoint(options, volume) || !checkDevice()) {
         return false;

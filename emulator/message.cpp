@@ -1,3 +1,5 @@
+#include "message.h"
+
 #include <fcntl.h>
 #include <linux/fuse.h>
 #include <sys/stat.h>

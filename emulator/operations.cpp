@@ -377,9 +377,18 @@ void openFolder(fuse_req_t req, fuse_ino_t id, fuse_file_info* info) {
     }
 }
 
+// For file systems that do not tell types in their listings.
+unsigned char typeOf(int folder, const char* name) {
+    struct stat attributes;
+    if (fstatat(folder, name, &attributes, AT_SYMLINK_NOFOLLOW) != 0) {
+        return DT_UNKNOWN;
+    }
+    return static_cast<unsigned char>(IFTODT(attributes.st_mode));
+}
+
 int listFolder(OpenFolder& folder) {
-    folder.entries.clear();
     DIR* const stream = folder.stream.get();
+    folder.entries.clear();
     rewinddir(stream);
     for (;;) {
         errno = 0;
@@ -387,14 +396,9 @@ int listFolder(OpenFolder& folder) {
         if (entry == nullptr) {
             return errno;
         }
-        struct stat attributes = {};
-        if (entry->d_type != DT_UNKNOWN) {
-            attributes.st_mode = static_cast<mode_t>(DTTOIF(entry->d_type));
-        } else if (fstatat(dirfd(stream), entry->d_name, &attributes, AT_SYMLINK_NOFOLLOW) != 0) {
-            attributes.st_mode = 0;
-        }
-        attributes.st_ino = entry->d_ino;
-        folder.entries.push_back({attributes, entry->d_name});
+        const unsigned char type =
+            entry->d_type != DT_UNKNOWN ? entry->d_type : typeOf(dirfd(stream), entry->d_name);
+        folder.entries.push_back({entry->d_ino, type, entry->d_name});
     }
 }
 
@@ -413,9 +417,12 @@ void readFolder(fuse_req_t req, fuse_ino_t /*id*/, size_t size, off_t offset,
     size_t used = 0;
     for (auto next = static_cast<size_t>(offset); next < folder.entries.size(); ++next) {
         const FolderEntry& entry = folder.entries[next];
+        struct stat attributes = {};
+        attributes.st_ino = entry.number;
+        attributes.st_mode = static_cast<mode_t>(DTTOIF(entry.type));
         const size_t length =
             fuse_add_direntry(req, buffer.data() + used, size - used, entry.name.c_str(),
-                              &entry.attributes, static_cast<off_t>(next + 1));
+                              &attributes, static_cast<off_t>(next + 1));
         if (length > size - used) {
             break;
         }

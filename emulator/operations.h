@@ -1,6 +1,8 @@
 // The file system as FUSE asks for it.
 #pragma once
 
+#include <sys/types.h>
+
 #include "fuse_api.h"
 #include "inode.h"
 
@@ -12,11 +14,7 @@ constexpr double kCacheSeconds = 1.0;
 // The operations, for fuse_session_new. The session's user data is the Volume.
 fuse_lowlevel_ops operations();
 
-// Serves one message of the kernel. O_TMPFILE comes as a message that libfuse has no operation for
-// and is answered here; all others go through the session.
-void serveMessage(Volume& volume, const fuse_buf& message);
-
-// For both ways of making an object.
+// The rest is also for the message that libfuse has no operation for.
 
 struct Caller {
     uid_t uid;

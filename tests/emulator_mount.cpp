@@ -55,6 +55,7 @@ int inChild(Body body) {
 int runQuietly(const char* program, const char* option, const char* argument) {
     return inChild([=] {
         const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+        dup2(null, STDOUT_FILENO);
         dup2(null, STDERR_FILENO);
         execlp(program, program, option, argument, nullptr);
         return 127;

@@ -279,6 +279,31 @@ const Behaviour kBehaviours[] = {
                  tell(removexattr(path, "user.a")),
                  tell(setxattr(path, "wrong", "", 0, 0))};
      }},
+    {"access control lists are inherited in place of the umask, and obeyed",
+     [](const std::string& dir) -> Results {
+         const struct {
+             uint32_t version;
+             struct {
+                 uint16_t tag, access;
+                 uint32_t id;
+             } entries[5];
+         } list = {2, {{1, 7, ~0U}, {2, 6, 1000}, {4, 0, ~0U}, {16, 7, ~0U}, {32, 0, ~0U}}};
+         chmod(dir.c_str(), 0755);
+         Results results = {
+             tell(setxattr(dir.c_str(), "system.posix_acl_default", &list, sizeof(list), 0))};
+         const mode_t mask = umask(077);
+         const UniqueFd named = openAt(dir + "/file", O_CREAT | O_RDWR, 0666);
+         const UniqueFd unnamed = openAt(dir, O_TMPFILE | O_RDWR, 0666);
+         umask(mask);
+         results.push_back(tell(linkOpen(unnamed.get(), dir + "/unnamed")));
+         for (const uid_t user : {1000U, 1001U}) {
+             seteuid(user);
+             results.push_back(openAt(dir + "/file", O_RDWR).valid());
+             results.push_back(openAt(dir + "/unnamed", O_RDWR).valid());
+             seteuid(0);
+         }
+         return results;
+     }},
     {"what cannot be",
      [](const std::string& dir) -> Results {
          mkdir((dir + "/full").c_str(), 0755);
@@ -529,7 +554,10 @@ TEST_F(Requests, ChangesOfDataClearTheMarkAndNothingElseDoes) {
                 ASSERT_TRUE(volume.remount());
             }
             const UniqueFd fd = openAt(at("file"), O_RDWR);
-            EXPECT_GE(change.make(at("file"), fd.get()), 0) << errno;
+            if (change.make(at("file"), fd.get()) < 0) {
+                EXPECT_EQ(errno, EOPNOTSUPP);  // by the backing file system, for one fallocate mode
+                continue;
+            }
             EXPECT_EQ(flagOf(fd.get()), change.clears ? MODIFY_CHECK_FLAG & ~MODIFY_CHECK_UNCHANGED
                                                       : MODIFY_CHECK_FLAG);
         }
@@ -759,7 +787,7 @@ TEST(EmulatorRequests, AnyBytesAreAnswered) {
         bool size_changed = false;
         const int error = emulator::serveRequest(world,
                                                  {*inodes[file], fds[file].get(), getpid(), number,
-                                                  in.data(), in_size, out.data(), out_size},
+                                                  in.get(), in_size, out.get(), out_size},
                                                  answered, size_changed);
         EXPECT_LE(answered, out_size);
         ++answers[error];
@@ -804,7 +832,8 @@ TEST(EmulatorProgram, SaysWhatIsWrongInOneLine) {
         {{"/proc", "mount"},
          1,
          "",
-         "make an unnamed temporary file in /proc: Operation not supported"},
+         std::string("make an unnamed temporary file in /proc: ") +
+             (geteuid() == 0 ? "Operation not supported" : "Permission denied")},
         {{"other", "none"}, 1, "", "mount on none: No such file or directory"},
         {{"other", "file"}, 1, "", "mount on file: Not a directory"},
         {{"other", "other/inside"},
