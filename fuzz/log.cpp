@@ -1,0 +1,13 @@
+// Formats the log lines, so that their arguments are looked at, and drops them.
+#include <android/log.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+int __android_log_print(int /*priority*/, const char* /*tag*/, const char* text, ...) {
+    char line[4096];
+    va_list arguments;
+    va_start(arguments, text);
+    const int length = vsnprintf(line, sizeof line, text, arguments);
+    va_end(arguments);
+    return length;
+}
