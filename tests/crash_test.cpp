@@ -22,9 +22,12 @@ class CrashTest : public EmulatedVolume {
     void SetUp() override {
         EmulatedVolume::SetUp();
         if (!IsSkipped() && !HasFatalFailure()) {
+            source = at("source");
+            target = at("target");
+            mirror = target + "/snapshot" + source;
             makeSource();
             for (const char* command : {"pre", "create", "destroy"}) {
-                ToolRun run(arguments(command));
+                ToolRun run(words(command));
                 while (run.nextLine() != nullptr) {
                     ++lines_of[command];
                 }
@@ -33,33 +36,29 @@ class CrashTest : public EmulatedVolume {
         }
     }
     void makeSource() {
-        fs::remove_all(source());
-        fs::create_directories(source() + "/folder");
+        fs::remove_all(source);
+        fs::create_directories(source + "/folder");
         for (int i = 0; i < 8; ++i) {
-            write(source() + "/folder/" + std::to_string(i), std::string(5000, 'f'));
+            write(source + "/folder/" + std::to_string(i), std::string(5000, 'f'));
         }
     }
-    std::string source() const {
-        return at("source");
-    }
-    std::string target() const {
-        return at("target");
-    }
-    std::string mirror() const {
-        return target() + "/snapshot" + source();
-    }
-    std::vector<std::string> arguments(const std::string& command) const {
-        return command == "pre"      ? std::vector<std::string>{command, source()}
-               : command == "create" ? std::vector<std::string>{command, source(), target()}
-                                     : std::vector<std::string>{command, target()};
+    std::vector<std::string> words(const std::string& command) const {
+        std::vector<std::string> given = {command};
+        if (command != "destroy") {
+            given.push_back(source);
+        }
+        if (command != "pre") {
+            given.push_back(target);
+        }
+        return given;
     }
     int run(const std::string& command) const {
-        return ToolRun(arguments(command)).wait();
+        return ToolRun(words(command)).wait();
     }
     // Strikes at a random line of a command's log, or an instant later.
     template <typename Strike>
     int runUntil(const std::string& command, Strike strike) {
-        ToolRun run(arguments(command));
+        ToolRun run(words(command));
         for (size_t left = random.below(lines_of[command]); left > 0; --left) {
             run.nextLine();
         }
@@ -69,7 +68,7 @@ class CrashTest : public EmulatedVolume {
     }
     // As if no file had ever been prepared.
     void revokeAll() const {
-        for (const auto& entry : fs::recursive_directory_iterator(source())) {
+        for (const auto& entry : fs::recursive_directory_iterator(source)) {
             if (!entry.is_symlink() && entry.is_regular_file()) {
                 const int fd = open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
                 EXPECT_EQ(revokeDedupFile(fd), 0);
@@ -79,21 +78,22 @@ class CrashTest : public EmulatedVolume {
     }
     void expectWholeCreate(const std::vector<std::string>& expected) {
         EXPECT_EQ(run("create"), 0);
-        EXPECT_EQ(dump(mirror()), expected);
-        EXPECT_EQ(dump(source()), expected);
+        EXPECT_EQ(dump(mirror), expected);
+        EXPECT_EQ(dump(source), expected);
     }
     void expectDestroy() {
         EXPECT_EQ(run("destroy"), 0);
-        EXPECT_TRUE(fs::is_empty(target()));
+        EXPECT_TRUE(fs::is_empty(target));
     }
 
     Random random;
+    std::string source, target, mirror;
     std::map<std::string, size_t> lines_of;
 };
 
 TEST_F(CrashTest, TheToolIsKilled) {
-    TreeGenerator(random.seed()).fill(source());
-    const std::vector<std::string> before = dump(source());
+    TreeGenerator(random.seed()).fill(source);
+    const std::vector<std::string> before = dump(source);
     std::map<std::string, int> killed;
     for (int round = rounds(9, 300); round > 0 && !HasFailure(); --round) {
         const std::string command = round % 3 == 0 ? "pre" : round % 3 == 1 ? "create" : "destroy";
@@ -105,7 +105,7 @@ TEST_F(CrashTest, TheToolIsKilled) {
         const int status = runUntil(command, [](pid_t pid) { kill(pid, SIGKILL); });
         EXPECT_TRUE(status == 128 + SIGKILL || status == 0) << status;
         killed[command] += status != 0 ? 1 : 0;
-        EXPECT_EQ(dump(source()), before);
+        EXPECT_EQ(dump(source), before);
         expectWholeCreate(before);
         expectDestroy();
     }
@@ -116,16 +116,16 @@ TEST_F(CrashTest, TheToolIsKilled) {
 }
 
 TEST_F(CrashTest, TheEmulatorIsKilled) {
-    const std::string changed = source() + "/folder/3";
+    const std::string changed = source + "/folder/3";
     int cut_short = 0;
     for (int round = rounds(3, 60); round > 0 && !HasFailure(); --round) {
         EXPECT_EQ(run("create"), 0);
         write(changed, std::to_string(round));
-        const std::vector<std::string> before = dump(source());
+        const std::vector<std::string> before = dump(source);
         volume.kill9();
         ASSERT_TRUE(volume.start()) << volume.errors();
         std::vector<file_info> modified;
-        EXPECT_EQ(checkModifyFiles(source(), modified, target() + "/snapshot"), 0);
+        EXPECT_EQ(checkModifyFiles(source, modified, target + "/snapshot"), 0);
         ASSERT_EQ(modified.size(), 1U) << "marks are kept, and so is the loss of one";
         EXPECT_EQ(modified[0].srcdirpath + "/" + modified[0].filename, changed);
         dedup_file_info info = {};
@@ -212,21 +212,20 @@ TEST_F(CrashTest, Disturbed) {
             if (other == 0) {
                 prctl(PR_SET_PDEATHSIG, SIGKILL);
                 // A link in the place of a folder of the snapshot is followed: see SwapTest.
-                disturb((creates ? source() : mirror()) + "/folder", creates ? outside : "",
-                        random);
+                disturb((creates ? source : mirror) + "/folder", creates ? outside : "", random);
             }
             const int status = run(command);
             kill(other, SIGKILL);
             waitpid(other, nullptr, 0);
             ++seen[status];
             EXPECT_EQ(results.count(status), 1U) << status;
-            EXPECT_EQ(fs::exists(target() + "/snapshot"), creates == (status == 0)) << status;
+            EXPECT_EQ(fs::exists(target + "/snapshot"), creates == (status == 0)) << status;
             EXPECT_EQ(dump(outside), outside_before);
             if (!creates && status != 0) {  // what is left is picked up, but pipes
                 for (int i = 0; i < 8; ++i) {
-                    fs::remove(mirror() + "/folder/" + std::to_string(i));
+                    fs::remove(mirror + "/folder/" + std::to_string(i));
                 }
-                fs::remove(mirror() + "/folder/pipe");
+                fs::remove(mirror + "/folder/pipe");
                 expectDestroy();
             }
         }
