@@ -6,7 +6,7 @@
 
 namespace emulator {
 
-constexpr char kStateAttribute[] = "user.f2fs_emulator";
+constexpr char STATE_ATTRIBUTE[] = "user.f2fs_emulator";
 
 // Reads the state on first use. fd is any descriptor of the file, O_PATH included.
 int loadState(Inode& inode, int fd);

@@ -2,12 +2,11 @@
 //
 // A known directory holds a descriptor. A known file holds none: it is reached by name from its
 // directory, so that any number of files may be known at once. It gets a descriptor of its own
-// only when its last known name goes away while the kernel still knows it.
+// only when the name it is reached by goes away while the kernel still knows it.
 //
 // Functions that return int return 0 or a positive errno value, here and in the other headers.
 #pragma once
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -24,54 +23,34 @@ struct fuse_session;
 
 namespace emulator {
 
-// What the driver keeps per regular file.
+// What the driver keeps per regular file, in the form in which it is stored.
 struct FileState {
+    uint32_t version = 1;
     uint32_t flag = 0;  // the modify-check bits
-    bool is_deduped = false;
-    bool is_layered = false;
+    uint16_t is_deduped = 0;
+    uint16_t is_layered = 0;
 };
-
-struct Inode;
-
-// Holding the directory keeps its descriptor open for as long as a file is reached through it.
-struct Name {
-    std::shared_ptr<Inode> parent;
-    std::string text;
-};
+static_assert(sizeof(FileState) == 12);
 
 struct Inode : std::enable_shared_from_this<Inode> {
     ino_t number = 0;      // in the backing file system; shown to users as it is
     mode_t type = 0;       // S_IFMT bits
     uint64_t lookups = 0;  // references the kernel holds
-    UniqueFd fd;           // O_PATH; of a directory, or of a file without a known name
-    std::vector<Name> names;
+    UniqueFd fd;           // O_PATH; of a directory, or of a file that lost its name
+    // Where a file without a descriptor is. Its folder's descriptor stays open for as long.
+    std::shared_ptr<Inode> folder;
+    std::string name;
     std::optional<FileState> state;  // empty until the first need
     ino_t cloned_from = 0;           // the source of the last CLONE_FILE, 0 for none
-};
-
-struct FolderEntry {
-    ino_t number;
-    unsigned char type;  // DT_REG and so on
-    std::string name;
-};
-
-// A folder that a user has open. The listing is taken when reading starts and numbered from there:
-// places in it stay valid whatever happens to the folder, and need no 64-bit telldir.
-struct OpenFolder {
-    std::unique_ptr<DIR, int (*)(DIR*)> stream;
-    std::vector<FolderEntry> entries;
 };
 
 // One mounted backing folder. Requests are served one at a time by one thread.
 struct Volume {
     std::shared_ptr<Inode> root;
     std::unordered_map<ino_t, std::shared_ptr<Inode>> inodes;  // with the root
-    std::unordered_map<int, OpenFolder> folders;               // by descriptor
+    std::unordered_map<int, std::string> listings;             // of folders being read
     dev_t backing_device = 0;
-    dev_t mount_device = 0;        // the device number that users of the mount see
-    bool owns_as_caller = false;   // new objects are given to the caller (the daemon is root)
-    bool shares_blocks = false;    // FICLONE works on the backing file system
-    bool drop_setid_bits = false;  // the kernel asked for it along with the write in hand
+    dev_t mount_device = 0;  // the device number that users of the mount see
     fuse_session* session = nullptr;
     std::vector<char> buffer;  // for data on its way to the kernel
 };
@@ -96,8 +75,8 @@ int openInode(const Inode& inode, int flags, UniqueFd& opened);
 int statInode(const Inode& inode, struct stat& attributes);
 
 // The three changes of names. They act on the backing folder and keep the known inodes reachable.
-int removeName(Volume& volume, Inode& parent, const char* name);
-int changeName(Volume& volume, Inode& parent, const char* name, Inode& new_parent,
+int removeName(Volume& volume, const Inode& parent, const char* name);
+int changeName(Volume& volume, const Inode& parent, const char* name, Inode& new_parent,
                const char* new_name, unsigned int flags);
 int addName(const Inode& inode, const Inode& new_parent, const char* new_name);
 

@@ -1,29 +1,30 @@
 // f2fs_emulator: shows a folder as a volume of the driver.
 #include <fcntl.h>
 #include <getopt.h>
+#include <linux/fs.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "copy.h"
-#include "fuse_api.h"
+#include "file_state.h"
 #include "inode.h"
-#include "message.h"
 #include "operations.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -31,7 +32,7 @@ using emulator::ProcPath;
 using emulator::UniqueFd;
 using emulator::Volume;
 
-constexpr char kUsage[] =
+constexpr char USAGE[] =
     "Usage: f2fs_emulator BACKING_DIR MOUNT_POINT [-f] [-o FUSE_OPTIONS]\n"
     "Show BACKING_DIR at MOUNT_POINT as a volume of the F2FS driver with its snapshot requests.\n"
     "\n"
@@ -45,112 +46,58 @@ constexpr char kUsage[] =
 struct Options {
     std::string backing;
     std::string mount_point;
-    std::string mount_path;  // the mount point, absolute: the daemon leaves for the root folder
+    fs::path mount_path;  // the mount point, absolute: the daemon leaves for the root folder
     bool foreground = false;
-    std::vector<std::string> mount_options;
+    bool shares_blocks = false;  // the backing file system can
+    fuse_args mount_arguments = FUSE_ARGS_INIT(0, nullptr);
 };
 
 // The one line of a failed start. Returns false for its callers to return.
-bool fail(const char* doing, const std::string& object, const std::string& reason,
-          const char* advice = "") {
-    fprintf(stderr, "f2fs_emulator: cannot %s %s: %s%s%s\n", doing, object.c_str(), reason.c_str(),
-            *advice != '\0' ? "; " : "", advice);
+bool fail(const char* doing, const std::string& object,
+          const std::string& reason = strerror(errno)) {
+    fprintf(stderr, "f2fs_emulator: cannot %s %s: %s\n", doing, object.c_str(), reason.c_str());
     return false;
 }
 
-bool fail(const char* doing, const std::string& object, int error, const char* advice = "") {
-    return fail(doing, object, std::string(strerror(error)), advice);
-}
-
-// Directories and open files hold a descriptor each.
-void raiseDescriptorLimit() {
-    rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return;
+bool openBacking(Options& options, Volume& volume) {
+    errno = emulator::openVolume(options.backing.c_str(), volume);
+    if (errno != 0) {
+        return fail("open the backing folder", options.backing);
     }
-    unsigned long allowed = 0;
-    FILE* const file = fopen("/proc/sys/fs/nr_open", "re");
-    if (file != nullptr) {
-        if (fscanf(file, "%lu", &allowed) == 1 && allowed > limit.rlim_max) {
-            const rlimit raised = {allowed, allowed};
-            setrlimit(RLIMIT_NOFILE, &raised);  // for root; else the next one counts
-        }
-        fclose(file);
-    }
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-bool openBacking(const Options& options, Volume& volume) {
-    if (const int error = emulator::openVolume(options.backing.c_str(), volume)) {
-        return fail("open the backing folder", options.backing, error);
-    }
-    const char* missing = "";
     const ProcPath path(volume.root->fd.get());
-    if (const int error = emulator::probeBacking(path.text, missing, volume.shares_blocks)) {
-        return fail(missing, options.backing, error);
+    const UniqueFd one(open(path.text, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    const UniqueFd other(open(path.text, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    if (!one.valid() || !other.valid()) {
+        return fail("make an unnamed temporary file in", options.backing);
     }
-    volume.owns_as_caller = geteuid() == 0;
+    if (fsetxattr(one.get(), emulator::STATE_ATTRIBUTE, "", 0, 0) != 0) {
+        return fail("keep user attributes on files in", options.backing);
+    }
+    options.shares_blocks = ioctl(other.get(), FICLONE, one.get()) == 0;
     return true;
 }
 
-// Walks up from the mount point. A mount below the backing folder would have the emulator ask
-// itself and wait for its own answer. The backing folder itself is fine: its descriptor was opened
-// before and leads below the mount.
-bool isBelowBacking(const Volume& volume, const UniqueFd& mount_point) {
-    UniqueFd at;
-    struct stat below = {};
-    for (;;) {
-        const int from = at.valid() ? at.get() : mount_point.get();
-        UniqueFd up(openat(from, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-        struct stat above;
-        if (!up.valid() || fstat(up.get(), &above) != 0 ||
-            (above.st_ino == below.st_ino && above.st_dev == below.st_dev)) {
-            return false;  // the root folder is its own parent
-        }
-        if (above.st_ino == volume.root->number && above.st_dev == volume.backing_device) {
-            return true;
-        }
-        below = above;
-        at = std::move(up);
-    }
-}
-
 bool checkMountPoint(Options& options, const Volume& volume) {
-    constexpr char kMount[] = "mount on";
     const UniqueFd fd(open(options.mount_point.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     // Not synchronized: a mount there may belong to a daemon that is gone or hangs.
     struct statx attributes;
     if (!fd.valid() ||
         statx(fd.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE, &attributes) != 0) {
-        return fail(kMount, options.mount_point, errno);
+        return fail("mount on", options.mount_point);
     }
     if ((attributes.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
-        return fail(kMount, options.mount_point, EBUSY,
+        return fail("mount on", options.mount_point,
                     "it is a mount point already, to be freed with fusermount3 -u");
     }
-    if (isBelowBacking(volume, fd)) {
-        return fail(kMount, options.mount_point, "it is inside the backing folder");
+    // A mount below the backing folder would have the emulator ask itself and wait for its own
+    // answer. The backing folder itself is fine: its descriptor leads below the mount.
+    options.mount_path = fs::read_symlink(ProcPath(fd.get()).text);
+    const fs::path backing = fs::read_symlink(ProcPath(volume.root->fd.get()).text);
+    const fs::path way = options.mount_path.lexically_relative(backing);
+    if (way != "." && *way.begin() != "..") {
+        return fail("mount on", options.mount_point, "it is inside the backing folder");
     }
-    char* const absolute = realpath(options.mount_point.c_str(), nullptr);
-    if (absolute == nullptr) {
-        return fail(kMount, options.mount_point, errno);
-    }
-    options.mount_path = absolute;
-    free(absolute);
     return true;
-}
-
-bool checkDevice() {
-    const UniqueFd device(open("/dev/fuse", O_RDWR | O_CLOEXEC));
-    if (device.valid()) {
-        return true;
-    }
-    const bool missing = errno == ENOENT || errno == ENODEV || errno == ENXIO;
-    return fail("open", "/dev/fuse", errno,
-                missing ? "load it with modprobe fuse, or pass it to the container"
-                        : "FUSE mounts are not permitted here");
 }
 
 // Runs `call` and returns what it, and the programs it starts, wrote to standard error: its first
@@ -162,82 +109,37 @@ std::string captureErrors(Call call) {
     dup2(memory.get(), STDERR_FILENO);
     call();
     dup2(original.get(), STDERR_FILENO);
-    char text[1024];
-    const ssize_t length = pread(memory.get(), text, sizeof(text), 0);
-    std::string line(text, length > 0 ? static_cast<size_t>(length) : 0);
-    line.resize(std::min(line.find('\n'), line.size()));
-    for (const char* const prefix : {"fuse: ", "fusermount3: "}) {
-        if (line.compare(0, strlen(prefix), prefix) == 0) {
-            line.erase(0, strlen(prefix));
-        }
-    }
-    return line;
+    char text[1024] = {};
+    pread(memory.get(), text, sizeof(text) - 1, 0);
+    const std::string line(text, strcspn(text, "\n"));
+    const size_t name_end = line.find(": ");
+    return name_end == std::string::npos ? line : line.substr(name_end + 2);
 }
 
-bool mountVolume(const Options& options, Volume& volume) {
-    std::string own = "default_permissions,fsname=f2fs_emulator,subtype=f2fs_emulator";
-    if (geteuid() == 0) {
-        own += ",allow_other";
-    }
-    std::vector<std::string> arguments = {"f2fs_emulator", "-o", own};
-    for (const std::string& given : options.mount_options) {
-        arguments.insert(arguments.end(), {"-o", given});
-    }
-    std::vector<char*> pointers;
-    pointers.reserve(arguments.size());
-    for (std::string& argument : arguments) {
-        pointers.push_back(argument.data());
-    }
-    fuse_args args = FUSE_ARGS_INIT(static_cast<int>(pointers.size()), pointers.data());
+bool mountVolume(Options& options, Volume& volume) {
     const fuse_lowlevel_ops table = emulator::operations();
     bool mounted = false;
     const std::string reason = captureErrors([&] {
-        volume.session = fuse_session_new(&args, &table, sizeof(table), &volume);
+        volume.session = fuse_session_new(&options.mount_arguments, &table, sizeof(table), &volume);
         mounted = volume.session != nullptr &&
                   fuse_session_mount(volume.session, options.mount_path.c_str()) == 0;
     });
-    fuse_opt_free_args(&args);
-    if (!mounted) {
-        const bool denied = reason.find(strerror(EPERM)) != std::string::npos;
-        return fail("mount on", options.mount_point,
-                    reason.empty() ? "FUSE gave no reason" : reason,
-                    denied ? "FUSE mounts are not permitted here" : "");
-    }
-    return true;
-}
-
-// The number that users of the mount see as its device, asked for without a call to the emulator,
-// which does not serve yet.
-bool learnMountDevice(const Options& options, Volume& volume) {
-    struct statx attributes;
-    if (statx(AT_FDCWD, options.mount_path.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &attributes) !=
-        0) {
-        return fail("look at the mount on", options.mount_point, errno);
-    }
-    volume.mount_device = makedev(attributes.stx_dev_major, attributes.stx_dev_minor);
-    return true;
+    return mounted || fail("mount on", options.mount_point, reason);
 }
 
 // One message after the other, until unmounted or told to end. The signals are blocked and come
 // through a descriptor: none can slip in between a look at a flag and the wait.
-bool serve(Volume& volume, int signals) {
-    const int device = fuse_session_fd(volume.session);
+bool serve(fuse_session* session, int signals) {
+    const int device = fuse_session_fd(session);
     // A message can be withdrawn between poll and read.
     fcntl(device, F_SETFL, fcntl(device, F_GETFL) | O_NONBLOCK);
     pollfd waits[] = {{device, POLLIN, 0}, {signals, POLLIN, 0}};
     fuse_buf message = {};
     int received = 0;
-    while (fuse_session_exited(volume.session) == 0) {
-        if (poll(waits, 2, -1) < 0 && errno != EINTR) {
-            received = -errno;
-            break;
-        }
-        if (waits[1].revents != 0) {
-            break;
-        }
-        received = fuse_session_receive_buf(volume.session, &message);
+    while (fuse_session_exited(session) == 0 && (poll(waits, 2, -1) < 0 || waits[1].revents == 0)) {
+        received = fuse_session_receive_buf(session, &message);
         if (received > 0) {
-            emulator::serveMessage(volume, message);
+            emulator::serveMessage(session, message);
         } else if (received != -EAGAIN && received != -EINTR) {
             break;
         }
@@ -246,20 +148,25 @@ bool serve(Volume& volume, int signals) {
     return received >= 0 || received == -EAGAIN || received == -EINTR;
 }
 
-bool serveInPlace(const Options& options, Volume& volume, int signals) {
-    if (!learnMountDevice(options, volume)) {
-        return false;
+bool serveMount(const Options& options, Volume& volume, int signals) {
+    // The number that users of the mount see as its device, asked for without a call to the
+    // emulator, which does not serve yet.
+    struct statx attributes;
+    if (statx(AT_FDCWD, options.mount_path.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &attributes) !=
+        0) {
+        return fail("look at the mount on", options.mount_point);
     }
-    if (!volume.shares_blocks) {
+    volume.mount_device = makedev(attributes.stx_dev_major, attributes.stx_dev_minor);
+    if (!options.shares_blocks) {
         fprintf(stderr,
                 "f2fs_emulator: the file system of %s cannot share blocks, so snapshots are plain "
                 "copies\n",
                 options.backing.c_str());
     }
     if (fuse_daemonize(options.foreground ? 1 : 0) != 0) {
-        return fail("go to the background for", options.mount_point, errno);
+        return fail("go to the background for", options.mount_point);
     }
-    return serve(volume, signals);
+    return serve(volume.session, signals);
 }
 
 bool run(Options& options) {
@@ -270,19 +177,22 @@ bool run(Options& options) {
     }
     sigprocmask(SIG_BLOCK, &ends, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    signal(SIGXFSZ, SIG_IGN);  // a file size limit of the daemon is an error to report
-    raiseDescriptorLimit();
+    umask(0);  // the kernel has applied the caller's
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
     const UniqueFd signals(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!signals.valid()) {
-        return fail("wait for", "signals", errno);
+        return fail("wait for", "signals");
     }
     Volume volume;
-    if (!openBacking(options, volume) || !checkMountPoint(options, volume) || !checkDevice()) {
+    if (!openBacking(options, volume) || !checkMountPoint(options, volume)) {
         return false;
     }
     bool served = false;
     if (mountVolume(options, volume)) {
-        served = serveInPlace(options, volume, signals.get());
+        served = serveMount(options, volume, signals.get());
         fuse_session_unmount(volume.session);
     }
     if (volume.session != nullptr) {
@@ -291,11 +201,21 @@ bool run(Options& options) {
     return served;
 }
 
+void addMountOption(Options& options, const char* words) {
+    fuse_opt_add_arg(&options.mount_arguments, "-o");
+    fuse_opt_add_arg(&options.mount_arguments, words);
+}
+
 // Returns the exit status to end with, or -1 to go on.
 int parseOptions(int argc, char** argv, Options& options) {
     const option long_options[] = {{"help", no_argument, nullptr, 'h'},
                                    {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
+    fuse_opt_add_arg(&options.mount_arguments, "f2fs_emulator");
+    addMountOption(options, "default_permissions,fsname=f2fs_emulator,subtype=f2fs_emulator");
+    if (geteuid() == 0) {
+        addMountOption(options, "allow_other");
+    }
     opterr = 0;
     for (int word; (word = getopt_long(argc, argv, "fo:hV", long_options, nullptr)) != -1;) {
         switch (word) {
@@ -303,21 +223,21 @@ int parseOptions(int argc, char** argv, Options& options) {
                 options.foreground = true;
                 break;
             case 'o':
-                options.mount_options.emplace_back(optarg);
+                addMountOption(options, optarg);
                 break;
             case 'h':
-                fputs(kUsage, stdout);
+                fputs(USAGE, stdout);
                 return 0;
             case 'V':
                 puts("f2fs_emulator " F2FS_EMULATOR_VERSION);
                 return 0;
             default:
-                fputs(kUsage, stderr);
+                fputs(USAGE, stderr);
                 return 2;
         }
     }
     if (argc - optind != 2) {
-        fputs(kUsage, stderr);
+        fputs(USAGE, stderr);
         return 2;
     }
     options.backing = argv[optind];
@@ -329,9 +249,10 @@ int parseOptions(int argc, char** argv, Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    const int status = parseOptions(argc, argv, options);
-    if (status >= 0) {
-        return status;
+    int status = parseOptions(argc, argv, options);
+    if (status < 0) {
+        status = run(options) ? 0 : 1;
     }
-    return run(options) ? 0 : 1;
+    fuse_opt_free_args(&options.mount_arguments);
+    return status;
 }

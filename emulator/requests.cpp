@@ -25,18 +25,19 @@ Record argumentOf(const Request& request) {
 }
 
 template <typename Record>
-void answer(const Request& request, const Record& record) {
+int answer(const Request& request, const Record& record) {
     memcpy(request.out, &record, sizeof(record));
+    return 0;
 }
 
-// Finds the file that a descriptor of the calling process has open, else nullptr with an error.
+// Finds the file that a descriptor of the calling process has open.
 // EBADF: there is none, or it is not open for reading; EXDEV: not on this mount; EINVAL: not a
 // regular file.
 //
 // The device number tells the mount, however it is reached (bind mounts and mount namespaces give
 // it other paths and mount ids). AT_STATX_DONT_SYNC has the kernel answer for a file of this mount
 // from what it knows already; anything else would be a call back to the one thread that asks.
-Inode* findCallersFile(Volume& volume, pid_t pid, int32_t descriptor, int& error) {
+int findCallersFile(const Volume& volume, pid_t pid, int32_t descriptor, Inode*& found) {
     char path[64];
     snprintf(path, sizeof(path), "/proc/%d/fd/%d", static_cast<int>(pid), descriptor);
     struct stat link;
@@ -44,109 +45,86 @@ Inode* findCallersFile(Volume& volume, pid_t pid, int32_t descriptor, int& error
     if (descriptor < 0 || lstat(path, &link) != 0 ||
         (link.st_mode & S_IRUSR) == 0 ||  // the link's mode is the descriptor's access mode
         statx(AT_FDCWD, path, AT_STATX_DONT_SYNC, STATX_INO | STATX_TYPE, &file) != 0) {
-        error = EBADF;
-        return nullptr;
+        return EBADF;
     }
     if (makedev(file.stx_dev_major, file.stx_dev_minor) != volume.mount_device) {
-        error = EXDEV;
-        return nullptr;
+        return EXDEV;
     }
     const auto known = volume.inodes.find(static_cast<ino_t>(file.stx_ino));
     if (known == volume.inodes.end() || !S_ISREG(file.stx_mode)) {
-        error = EINVAL;
-        return nullptr;
+        return EINVAL;
     }
-    return known->second.get();
+    found = known->second.get();
+    return 0;
 }
 
-bool isOpenForWriting(int fd) {
-    const int mode = fcntl(fd, F_GETFL) & O_ACCMODE;
-    return mode == O_WRONLY || mode == O_RDWR;
-}
-
-// Makes the request's file share the source's data. Its mark is gone and it is deduplicated from
-// before the first byte changes.
-int takeData(Volume& volume, const Request& request, const Inode& source, bool& size_changed) {
-    UniqueFd source_fd;
-    if (const int error = openInode(source, O_RDONLY, source_fd)) {
-        return error;
-    }
+// Gives the request's file the source's data. Its mark is gone and it is deduplicated from before
+// the first byte changes.
+int takeData(const Request& request, int source) {
     FileState state = *request.inode.state;
     state.flag &= ~MODIFY_CHECK_UNCHANGED;
-    state.is_deduped = true;
+    state.is_deduped = 1;
     if (const int error = storeState(request.inode, request.fd, state)) {
         return error;
     }
-    size_changed = true;
     request.inode.cloned_from = 0;
-    if (const int error = dropSetidBits(request.fd)) {
-        return error;
-    }
-    const int error = replaceData(source_fd.get(), request.fd, volume.shares_blocks);
+    const int error = replaceData(source, request.fd);
     if (error != 0) {
-        state.is_deduped = false;
+        state.is_deduped = 0;
         storeState(request.inode, request.fd, state);  // the copy's error is the one to tell
     }
     return error;
 }
 
-// As findCallersFile. EBADF also when the request's file is not open for writing, EINVAL also when
-// it would take its own data.
-Inode* findSource(Volume& volume, const Request& request, int32_t descriptor, int& error) {
-    Inode* const source = findCallersFile(volume, request.pid, descriptor, error);
-    if (source != nullptr && !isOpenForWriting(request.fd)) {
-        error = EBADF;
-        return nullptr;
+// Finds and opens the file to take data from. EBADF, EXDEV, EINVAL: as findCallersFile; EBADF also
+// when the request's file is not open for writing, EINVAL when it would take its own data.
+int openSource(const Volume& volume, const Request& request, int32_t descriptor, Inode*& source,
+               UniqueFd& fd) {
+    if (const int error = findCallersFile(volume, request.pid, descriptor, source)) {
+        return error;
     }
-    if (source == &request.inode) {
-        error = EINVAL;
-        return nullptr;
+    if ((fcntl(request.fd, F_GETFL) & O_ACCMODE) == O_RDONLY) {
+        return EBADF;
     }
-    return source;
+    return source == &request.inode ? EINVAL : openInode(*source, O_RDONLY, fd);
 }
 
 // EINVAL: the word is not 0.
-int dedupRevoke(Volume& /*volume*/, const Request& request, bool& /*size_changed*/) {
+int dedupRevoke(const Volume& /*volume*/, const Request& request) {
     if (argumentOf<uint32_t>(request) != 0) {
         return EINVAL;
     }
-    FileState state = *request.inode.state;
-    state.is_deduped = false;
-    state.is_layered = false;
+    FileState state;
+    state.flag = request.inode.state->flag;
     return storeState(request.inode, request.fd, state);
 }
 
-int dedupGetFileInfo(Volume& /*volume*/, const Request& request, bool& /*size_changed*/) {
+int dedupGetFileInfo(const Volume& /*volume*/, const Request& request) {
+    const FileState& state = *request.inode.state;
     dedup_file_info info = {};
-    info.is_deduped = request.inode.state->is_deduped ? 1 : 0;
-    info.is_layered = request.inode.state->is_layered ? 1 : 0;
-    answer(request, info);
-    return 0;
+    info.is_deduped = state.is_deduped != 0 ? 1 : 0;
+    info.is_layered = state.is_layered != 0 ? 1 : 0;
+    return answer(request, info);
 }
 
-// EINVAL, EBADF, EXDEV: as findSource; EINVAL also for other flags than CLONE_FLAGS.
-int cloneFile(Volume& volume, const Request& request, bool& size_changed) {
+// EINVAL, EBADF, EXDEV: as openSource; EINVAL also for other flags than CLONE_FLAGS.
+int cloneFile(const Volume& volume, const Request& request) {
     const auto info = argumentOf<clone_file_info>(request);
-    if (info.flags != CLONE_FLAGS) {
-        return EINVAL;
-    }
-    int error = 0;
-    Inode* const source = findSource(volume, request, info.source_fd, error);
-    if (source == nullptr) {
-        return error;
-    }
-    error = takeData(volume, request, *source, size_changed);
-    if (error == 0) {
+    Inode* source = nullptr;
+    UniqueFd fd;
+    int error = info.flags == CLONE_FLAGS ? openSource(volume, request, info.source_fd, source, fd)
+                                          : EINVAL;
+    if (error == 0 && (error = takeData(request, fd.get())) == 0) {
         request.inode.cloned_from = source->number;
     }
     return error;
 }
 
 // EINVAL: neither set nor get.
-int modifyCheck(Volume& /*volume*/, const Request& request, bool& /*size_changed*/) {
+int modifyCheck(const Volume& /*volume*/, const Request& request) {
     auto info = argumentOf<modify_check_info>(request);
+    FileState state = *request.inode.state;
     if (info.mode == MODIFY_CHECK_SET) {
-        FileState state = *request.inode.state;
         state.flag = info.flag;
         if (const int error = storeState(request.inode, request.fd, state)) {
             return error;
@@ -154,58 +132,44 @@ int modifyCheck(Volume& /*volume*/, const Request& request, bool& /*size_changed
     } else if (info.mode != MODIFY_CHECK_GET) {
         return EINVAL;
     }
-    info.flag = request.inode.state->flag;
-    answer(request, info);
-    return 0;
+    info.flag = state.flag;
+    return answer(request, info);
 }
 
-// EINVAL, EBADF, EXDEV: as findSource; EINVAL also for flags and for a source that is not layered.
-int snapshotCreate(Volume& volume, const Request& request, bool& size_changed) {
+// EINVAL, EBADF, EXDEV: as openSource; EINVAL also for flags and for a source that is not layered.
+int snapshotCreate(const Volume& volume, const Request& request) {
     const auto info = argumentOf<snapshot_create_info>(request);
-    if (info.flags != 0) {
-        return EINVAL;
-    }
-    int error = 0;
-    Inode* const source = findSource(volume, request, info.source_fd, error);
-    if (source == nullptr) {
-        return error;
-    }
-    UniqueFd source_fd;
-    error = openInode(*source, O_PATH, source_fd);
+    Inode* source = nullptr;
+    UniqueFd fd;
+    int error = info.flags == 0 ? openSource(volume, request, info.source_fd, source, fd) : EINVAL;
     if (error == 0) {
-        error = loadState(*source, source_fd.get());
-    }
-    if (error == 0 && !source->state->is_layered) {
-        error = EINVAL;
+        error = loadState(*source, fd.get());
     }
     if (error != 0) {
         return error;
     }
-    return takeData(volume, request, *source, size_changed);
+    return source->state->is_layered != 0 ? takeData(request, fd.get()) : EINVAL;
 }
 
 // EBADF, EXDEV, EINVAL: as findCallersFile; EINVAL also when the file is no clone of this one.
-int snapshotPrepare(Volume& volume, const Request& request, bool& /*size_changed*/) {
-    int error = 0;
-    const Inode* const clone =
-        findCallersFile(volume, request.pid, argumentOf<int32_t>(request), error);
-    if (clone == nullptr) {
+int snapshotPrepare(const Volume& volume, const Request& request) {
+    Inode* clone = nullptr;
+    if (const int error =
+            findCallersFile(volume, request.pid, argumentOf<int32_t>(request), clone)) {
         return error;
     }
     if (clone->cloned_from != request.inode.number) {
         return EINVAL;
     }
     FileState state = *request.inode.state;
-    state.is_layered = true;
+    state.is_layered = 1;
     return storeState(request.inode, request.fd, state);
 }
 
-struct RequestKind {
+constexpr struct {
     unsigned int number;
-    int (*serve)(Volume& volume, const Request& request, bool& size_changed);
-};
-
-constexpr RequestKind kRequests[] = {
+    int (*serve)(const Volume& volume, const Request& request);
+} REQUESTS[] = {
     {F2FS_IOC_DEDUP_REVOKE, dedupRevoke},       {F2FS_IOC_DEDUP_GET_FILE_INFO, dedupGetFileInfo},
     {F2FS_IOC_CLONE_FILE, cloneFile},           {F2FS_IOC_MODIFY_CHECK, modifyCheck},
     {F2FS_IOC_SNAPSHOT_CREATE, snapshotCreate}, {F2FS_IOC_SNAPSHOT_PREPARE, snapshotPrepare},
@@ -215,11 +179,12 @@ constexpr RequestKind kRequests[] = {
 
 int serveRequest(Volume& volume, const Request& request, size_t& answered, bool& size_changed) {
     answered = 0;
-    size_changed = false;
+    size_changed =
+        request.number == F2FS_IOC_CLONE_FILE || request.number == F2FS_IOC_SNAPSHOT_CREATE;
     const auto* const kind =
-        std::find_if(std::begin(kRequests), std::end(kRequests),
-                     [&](const RequestKind& known) { return known.number == request.number; });
-    if (kind == std::end(kRequests) || request.inode.type != S_IFREG) {
+        std::find_if(std::begin(REQUESTS), std::end(REQUESTS),
+                     [&](const auto& known) { return known.number == request.number; });
+    if (kind == std::end(REQUESTS) || request.inode.type != S_IFREG) {
         return ENOTTY;
     }
     const size_t record = _IOC_SIZE(request.number);
@@ -228,10 +193,10 @@ int serveRequest(Volume& volume, const Request& request, size_t& answered, bool&
     if (request.in_size < in_size || request.out_size < out_size) {
         return EINVAL;
     }
-    if (const int error = loadState(request.inode, request.fd)) {
-        return error;
+    int error = loadState(request.inode, request.fd);
+    if (error == 0) {
+        error = kind->serve(volume, request);
     }
-    const int error = kind->serve(volume, request, size_changed);
     answered = error == 0 ? out_size : 0;
     return error;
 }

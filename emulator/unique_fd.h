@@ -17,8 +17,6 @@ class UniqueFd {
         reset(other.release());
         return *this;
     }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
     ~UniqueFd() {
         reset();
     }

@@ -7,6 +7,7 @@ int __android_log_print(int /*priority*/, const char* /*tag*/, const char* text,
     char line[4096];
     va_list arguments;
     va_start(arguments, text);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)  the line above does
     const int length = vsnprintf(line, sizeof line, text, arguments);
     va_end(arguments);
     return length;

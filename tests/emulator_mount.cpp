@@ -20,18 +20,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr auto kPatience = std::chrono::seconds(10);
-constexpr auto kPause = std::chrono::milliseconds(5);
+constexpr auto PATIENCE = std::chrono::seconds(10);
+constexpr auto PAUSE = std::chrono::milliseconds(5);
 
 // Runs `done` until it is true or patience ends. Returns its last answer.
 template <typename Condition>
 bool waitFor(Condition done) {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
     while (!done()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
-        std::this_thread::sleep_for(kPause);
+        std::this_thread::sleep_for(PAUSE);
     }
     return true;
 }

@@ -1,38 +1,21 @@
 // The driver emulator on a mounted volume.
 #include <dirent.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/types.h>
-#include <sys/un.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <memory>
-#include <random>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include "emulator_mount.h"
 #include "f2fs_ioctl.h"
 #include "process.h"
 #include "requests.h"
-#include "unique_fd.h"
-
-namespace fs = std::filesystem;
+#include "test_tree.h"
 
 namespace {
 
@@ -42,865 +25,447 @@ UniqueFd openAt(const std::string& path, int flags, mode_t mode = 0644) {
     return UniqueFd(open(path.c_str(), flags | O_CLOEXEC, mode));
 }
 
-void write(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// 0, or the errno of a call that failed.
-int errorOf(long result) {
-    return result < 0 ? errno : 0;
-}
-
-// ---------------------------------------------------------------- the file system
-
-using Results = std::vector<long>;
-
-// A result to compare: what the call returned, or its errno below zero.
-long tell(long result) {
-    return result < 0 ? -errno : result;
-}
-
-Results tellTimes(const std::string& path) {
-    struct stat attributes = {};
-    stat(path.c_str(), &attributes);
-    return {attributes.st_atim.tv_sec, attributes.st_atim.tv_nsec, attributes.st_mtim.tv_sec,
-            attributes.st_mtim.tv_nsec};
+int tryOpen(const std::string& path, int flags, mode_t mode = 0644) {
+    return openAt(path, flags, mode).valid() ? 0 : -1;
 }
 
 int linkOpen(int fd, const std::string& name) {
-    return linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(fd)).c_str(), AT_FDCWD, name.c_str(),
-                  AT_SYMLINK_FOLLOW);
+    return linkat(AT_FDCWD, emulator::ProcPath(fd).text, AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW);
 }
 
-struct Behaviour {
-    const char* name;
-    std::function<Results(const std::string& dir)> run;
+int modifyCheck(const char* path, uint32_t mode, uint32_t flag = 0) {
+    modify_check_info info = {flag, mode};
+    const int result = ioctl(openAt(path, O_RDONLY).get(), F2FS_IOC_MODIFY_CHECK, &info);
+    return result == 0 ? static_cast<int>(info.flag) : -1;
+}
+
+int mark(const char* path) {
+    return modifyCheck(path, MODIFY_CHECK_SET, MODIFY_CHECK_FLAG);
+}
+
+// A file's content, its flag word, and whether it is deduplicated and layered.
+std::string tellOf(const char* path) {
+    dedup_file_info info = {};
+    EXPECT_EQ(ioctl(openAt(path, O_RDONLY).get(), F2FS_IOC_DEDUP_GET_FILE_INFO, &info), 0);
+    return read(path) + " " + std::to_string(modifyCheck(path, MODIFY_CHECK_GET)) + " " +
+           std::to_string(info.is_deduped) + " " + std::to_string(info.is_layered);
+}
+
+int cloneInto(int fd, int source, uint32_t flags = CLONE_FLAGS) {
+    const clone_file_info info = {source, flags};
+    return ioctl(fd, F2FS_IOC_CLONE_FILE, &info);
+}
+
+int snapshotInto(int fd, int source, uint32_t flags = 0) {
+    const snapshot_create_info info = {source, flags};
+    return ioctl(fd, F2FS_IOC_SNAPSHOT_CREATE, &info);
+}
+
+// A volume with the working directory on it.
+class EmulatorTest : public EmulatedVolume {
+  protected:
+    void SetUp() override {
+        EmulatedVolume::SetUp();
+        fs::current_path(volume.mount());
+    }
+    void TearDown() override {
+        fs::current_path("/");
+        EmulatedVolume::TearDown();
+    }
+    void remount(bool killed = false) {
+        fs::current_path("/");
+        if (killed) {
+            volume.kill9();
+        }
+        ASSERT_TRUE(killed ? volume.start() : volume.remount()) << volume.errors();
+        fs::current_path(volume.mount());
+    }
+    // Makes "source", prepared, and "file", both marked.
+    static void makeFiles() {
+        write("source", "source data");
+        write("file", "file data");
+        const UniqueFd source = openAt("source", O_RDWR);
+        const UniqueFd clone = openAt(".", O_TMPFILE | O_RDWR, 0770);
+        const int32_t word = clone.get();
+        ASSERT_EQ(cloneInto(clone.get(), source.get()), 0) << errno;
+        ASSERT_EQ(ioctl(source.get(), F2FS_IOC_SNAPSHOT_PREPARE, &word), 0) << errno;
+        ASSERT_EQ(mark("source"), 0x82);
+        ASSERT_EQ(mark("file"), 0x82);
+    }
 };
 
-const Behaviour kBehaviours[] = {
-    {"exclusive create",
-     [](const std::string& dir) -> Results {
-         const int flags = O_CREAT | O_EXCL | O_RDWR;
-         const UniqueFd once = openAt(dir + "/file", flags, 04751);
-         return {tell(once.valid() ? 0 : -1), tell(openAt(dir + "/file", flags).get()),
-                 tell(openAt(dir + "/file/below", O_CREAT).get())};
-     }},
-    {"names of any bytes",
-     [](const std::string& dir) -> Results {
-         std::string every;
-         for (int byte = 1; byte < 256; ++byte) {
-             every += byte == '/' ? ' ' : static_cast<char>(byte);
-         }
-         return {tell(mkdir((dir + "/" + every).c_str(), 0750)),
-                 tell(symlink("\n\xff", (dir + "/" + every + "/\xc3(").c_str())),
-                 tell(mkdir((dir + "/" + every + "x").c_str(), 0750))};
-     }},
-    {"every kind of node",
-     [](const std::string& dir) -> Results {
-         sockaddr_un address = {};
-         address.sun_family = AF_UNIX;
-         snprintf(address.sun_path, sizeof(address.sun_path), "%s/socket", dir.c_str());
-         const UniqueFd socket_fd(socket(AF_UNIX, SOCK_STREAM, 0));
-         return {
-             tell(mkfifo((dir + "/fifo").c_str(), 0610)),
-             tell(mknod((dir + "/plain").c_str(), S_IFREG | 0640, 0)),
-             tell(bind(socket_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address))),
-             tell(symlink(std::string(4000, 'y').c_str(), (dir + "/link").c_str())),
-             tell(symlink("", (dir + "/empty").c_str()))};
+// What calls returned, or their errno below zero.
+struct Results {
+    Results& operator<<(long result) {
+        list.push_back(result < 0 ? -errno : result);
+        return *this;
+    }
+    std::vector<long> list;
+};
+
+// What to do in an empty folder, with the same results wherever it is.
+const std::pair<const char*, void (*)(Results& tell)> BEHAVIOURS[] = {
+    {"every kind of node, and what cannot be made",
+     [](Results& tell) {
+         const mode_t mask = umask(022);
+         tell << tryOpen("file", O_CREAT | O_EXCL | O_RDWR, 0777);
+         umask(mask);
+         tell << tryOpen("file", O_CREAT | O_EXCL) << tryOpen("file/below", O_CREAT)
+              << tryOpen(std::string(255, '\xff'), O_CREAT) << mkfifo("fifo", 0610)
+              << mknod("plain", S_IFREG | 0640, 0) << mkdir("d", 0755) << mkdir("d", 0755)
+              << symlink(std::string(4000, 'y').c_str(), "\n;\x80") << link("d", "l")
+              << link("fifo", "d/fifo") << rename("d", "d/in") << rmdir("d") << unlink("d");
      }},
     {"rename replaces, refuses and exchanges",
-     [](const std::string& dir) -> Results {
-         const std::string a = dir + "/a";
-         const std::string b = dir + "/b";
-         write(a, "a");
-         write(b, "bb");
-         mkdir((dir + "/d").c_str(), 0755);
-         const UniqueFd first = openAt(a, O_RDWR);
-         const UniqueFd second = openAt(b, O_RDWR);
-         Results results = {
-             tell(renameat2(-1, a.c_str(), -1, b.c_str(), RENAME_NOREPLACE)),
-             tell(renameat2(-1, a.c_str(), -1, b.c_str(), RENAME_EXCHANGE)),
-             tell(rename(a.c_str(), (dir + "/d").c_str())),
-             tell(renameat2(-1, a.c_str(), -1, (dir + "/d").c_str(), RENAME_EXCHANGE))};
-         results.push_back(tell(fchmod(first.get(), 0601)));
-         results.push_back(tell(fchmod(second.get(), 0602)));
-         const UniqueFd replaced = openAt(b, O_RDWR);
-         results.push_back(tell(rename((dir + "/d").c_str(), b.c_str())));
-         results.push_back(tell(pwrite(replaced.get(), "unseen", 6, 0)));
-         struct stat attributes = {};
-         results.push_back(tell(fstat(replaced.get(), &attributes)));
-         results.push_back(attributes.st_size * 10 + static_cast<long>(attributes.st_nlink));
-         return results;
+     [](Results& tell) {
+         write("a", "a");
+         write("b", "bb");
+         const UniqueFd first = openAt("a", O_RDWR);
+         const UniqueFd second = openAt("b", O_RDWR);
+         tell << mkdir("d", 0755) << renameat2(AT_FDCWD, "a", AT_FDCWD, "b", RENAME_NOREPLACE)
+              << renameat2(AT_FDCWD, "a", AT_FDCWD, "b", RENAME_EXCHANGE) << rename("a", "d")
+              << renameat2(AT_FDCWD, "a", AT_FDCWD, "d", RENAME_EXCHANGE)
+              << fchmod(first.get(), 0601) << fchmod(second.get(), 0602) << rename("b", "a")
+              << pwrite(first.get(), "more", 4, 0) << rename("d/none", "a") << rename("a", "new");
      }},
-    {"a removed file lives on while it is open, and by its other names",
-     [](const std::string& dir) -> Results {
-         const std::string one = dir + "/one";
-         const std::string two = dir + "/two";
-         const std::string below = dir + "/below/one";
-         mkdir((dir + "/below").c_str(), 0755);
-         write(one, "content");
-         Results results = {tell(link(one.c_str(), two.c_str())),
-                            tell(link(one.c_str(), below.c_str())),
-                            tell(rename(one.c_str(), two.c_str()))};
-         const UniqueFd fd = openAt(one, O_RDWR);
-         for (const std::string& name : {one, below, two}) {
-             results.push_back(tell(unlink(name.c_str())));
-             results.push_back(tell(fchmod(fd.get(), 0600 + static_cast<mode_t>(results.size()))));
-         }
-         results.push_back(tell(ftruncate(fd.get(), 3)));
-         results.push_back(tell(linkOpen(fd.get(), dir + "/again")));
-         return results;
+    {"a file lives on without a name, and by its other names",
+     [](Results& tell) {
+         write("one", "content");
+         tell << link("one", "two") << link("one", "three") << rename("one", "two");
+         const UniqueFd fd = openAt("one", O_RDWR);
+         write("other", "replaces");
+         tell << unlink("one") << fchmod(fd.get(), 0601) << unlink("three")
+              << fchmod(fd.get(), 0602) << rename("other", "two") << fchmod(fd.get(), 0603)
+              << ftruncate(fd.get(), 3) << linkOpen(fd.get(), "again");
+         const UniqueFd unnamed = openAt(".", O_TMPFILE | O_RDWR, 0750);
+         tell << ::write(unnamed.get(), "unnamed", 7) << linkOpen(unnamed.get(), "named")
+              << linkOpen(openAt(".", O_TMPFILE | O_RDWR | O_EXCL).get(), "never");
      }},
-    {"an unnamed file gets a name unless it is exclusive",
-     [](const std::string& dir) -> Results {
-         const mode_t mask = umask(027);
-         const UniqueFd fd = openAt(dir, O_TMPFILE | O_RDWR, 0777);
-         umask(mask);
-         const UniqueFd exclusive = openAt(dir, O_TMPFILE | O_RDWR | O_EXCL);
-         return {tell(::write(fd.get(), "unnamed", 7)), tell(linkOpen(fd.get(), dir + "/named")),
-                 tell(linkOpen(fd.get(), dir + "/named")),
-                 tell(linkOpen(exclusive.get(), dir + "/never")),
-                 tell(openAt(dir, O_TMPFILE | O_RDONLY).get())};
-     }},
-    {"appending goes to the end whatever the offset",
-     [](const std::string& dir) -> Results {
-         const UniqueFd fd = openAt(dir + "/log", O_CREAT | O_RDWR | O_APPEND);
-         Results results = {tell(::write(fd.get(), "one", 3)), tell(pwrite(fd.get(), "two", 3, 0))};
-         fcntl(fd.get(), F_SETFL, 0);
-         results.push_back(tell(pwrite(fd.get(), "O", 1, 0)));
-         fcntl(fd.get(), F_SETFL, O_APPEND);
-         results.push_back(tell(pwrite(fd.get(), "end", 3, 0)));
-         return results;
-     }},
-    {"sizes, holes and allocation beyond 4 GiB",
-     [](const std::string& dir) -> Results {
-         const UniqueFd fd = openAt(dir + "/sparse", O_CREAT | O_RDWR);
+    {"sizes, holes and appending, by the descriptor of a file that is read-only",
+     [](Results& tell) {
          const off_t far = off_t{5} << 30;
-         Results results = {tell(pwrite(fd.get(), "x", 1, far)),
-                            tell(fallocate(fd.get(), 0, far + 100, 50)),
-                            tell(fallocate(fd.get(), FALLOC_FL_KEEP_SIZE, 0, 8192)),
-                            tell(fallocate(fd.get(), FALLOC_FL_PUNCH_HOLE, 0, 1))};
-         for (const off_t offset :
-              {lseek(fd.get(), 1 << 20, SEEK_DATA), lseek(fd.get(), far, SEEK_HOLE),
-               lseek(fd.get(), far + 1000, SEEK_DATA)}) {
-             results.push_back(static_cast<long>(offset >> 12));
-         }
-         results.push_back(tell(ftruncate(fd.get(), far + 10)));
-         struct stat attributes = {};
-         fstat(fd.get(), &attributes);
-         results.push_back(static_cast<long>(attributes.st_size >> 10));
-         results.push_back(attributes.st_blocks < 100);
-         results.push_back(tell(ftruncate(fd.get(), 100)));
-         return results;
+         const UniqueFd file = openAt("sparse", O_CREAT | O_RDWR, 0440);
+         const int fd = file.get();
+         tell << pwrite(fd, "x", 1, far) << fallocate(fd, FALLOC_FL_KEEP_SIZE, far + 100, 50)
+              << fallocate(fd, FALLOC_FL_PUNCH_HOLE, 0, 1) << (lseek(fd, 1 << 20, SEEK_DATA) >> 12)
+              << lseek(fd, far + 1, SEEK_HOLE) << ftruncate(fd, 100) << lseek(fd, 0, SEEK_END)
+              << fcntl(fd, F_SETFL, O_APPEND) << pwrite(fd, "end", 3, 0) << fsync(fd)
+              << fdatasync(fd) << fsync(openAt(".", O_RDONLY).get());
      }},
-    {"owner, mode and times",
-     [](const std::string& dir) -> Results {
-         const std::string file = dir + "/file";
-         write(file, "x");
-         symlink("file", (dir + "/link").c_str());
-         const timespec both[] = {{12345, 678}, {-5, 999999999}};
+    {"owner, mode, times, extended attributes and statfs",
+     [](Results& tell) {
+         const timespec times[] = {{12345, 678}, {-5, 999999999}};
          const timespec one[] = {{0, UTIME_OMIT}, {99, 1}};
-         Results results = {tell(utimensat(-1, file.c_str(), both, 0)),
-                            tell(utimensat(-1, file.c_str(), one, 0)),
-                            tell(utimensat(-1, (dir + "/link").c_str(), both, AT_SYMLINK_NOFOLLOW)),
-                            tell(chmod(file.c_str(), 06755)),
-                            tell(chown(file.c_str(), 12, 34)),
-                            tell(lchown((dir + "/link").c_str(), 56, 78)),
-                            tell(chmod(file.c_str(), 04511))};
-         const Results times = tellTimes(file);
-         results.insert(results.end(), times.begin(), times.end());
-         return results;
+         char value[2000] = {};
+         struct stat f = {};
+         struct statvfs figures = {};
+         write("f", "x");
+         tell << symlink("f", "l") << utimensat(AT_FDCWD, "f", times, 0)
+              << utimensat(AT_FDCWD, "f", one, 0) << chmod("f", 06755) << chown("f", 12, 34)
+              << utimensat(AT_FDCWD, "l", times, AT_SYMLINK_NOFOLLOW) << lchown("l", 56, 78)
+              << stat("f", &f) << f.st_atim.tv_nsec << f.st_mtim.tv_sec << lstat("l", &f)
+              << f.st_mtim.tv_nsec << setxattr("f", "user.a", "1", 1, XATTR_REPLACE)
+              << setxattr("f", "user.b", value, 1000, 0) << getxattr("f", "user.b", nullptr, 0)
+              << getxattr("f", "user.b", value, 10) << getxattr("f", "user.b", value, 2000)
+              << listxattr("f", value, 2000) << listxattr("f", value, 3)
+              << removexattr("f", "user.b") << removexattr("f", "user.b") << statvfs(".", &figures)
+              << static_cast<long>(figures.f_blocks);
      }},
     {"new files belong to who makes them; a set-group-ID folder passes its group on",
-     [](const std::string& dir) -> Results {
-         mkdir((dir + "/shared").c_str(), 0777);
-         chown((dir + "/shared").c_str(), 0, 4321);
-         chmod((dir + "/shared").c_str(), 02777);
-         chmod(dir.c_str(), 0777);
-         setegid(2000);
-         seteuid(1000);
-         const std::vector<std::string> folders = {dir, dir + "/shared"};
-         Results results;
-         for (const std::string& folder : folders) {
-             results.push_back(tell(mkdir((folder + "/folder").c_str(), 0755)));
-             results.push_back(tell(symlink("x", (folder + "/link").c_str())));
-             results.push_back(tell(mkfifo((folder + "/fifo").c_str(), 0644)));
-             results.push_back(openAt(folder + "/file", O_CREAT, 06775).valid());
-             const UniqueFd fd = openAt(folder, O_TMPFILE | O_RDWR, 06775);
-             results.push_back(tell(linkOpen(fd.get(), folder + "/unnamed")));
+     [](Results& tell) {
+         tell << mkdir("shared", 0777) << chown("shared", 0, 4321) << chmod("shared", 02777)
+              << chmod(".", 0777) << setegid(2000) << seteuid(1000);
+         for (const std::string folder : {"./", "shared/"}) {
+             tell << mkdir((folder + "d").c_str(), 0755) << symlink("x", (folder + "l").c_str())
+                  << mkfifo((folder + "fifo").c_str(), 0644) << tryOpen(folder + "f", O_CREAT, 0775)
+                  << linkOpen(openAt(folder, O_TMPFILE | O_RDWR, 0775).get(), folder + "unnamed");
          }
-         results.push_back(tell(chown((dir + "/file").c_str(), 0, 0)));
-         seteuid(0);
-         setegid(0);
-         return results;
-     }},
-    {"a write or truncation by another user takes the set-ID bits away",
-     [](const std::string& dir) -> Results {
-         Results results;
-         for (const int way : {0, 1, 2, 3}) {
-             const std::string file = dir + "/" + std::to_string(way);
-             write(file, "program");
-             chmod(file.c_str(), 06777);
-             seteuid(1000);
-             const UniqueFd fd = openAt(file, O_RDWR | (way == 3 ? O_TRUNC : 0));
-             const int done = way == 0   ? static_cast<int>(::write(fd.get(), "x", 1))
-                              : way == 1 ? ftruncate(fd.get(), 1)
-                              : way == 2 ? fallocate(fd.get(), 0, 0, 100)
-                                         : fd.valid();
-             results.push_back(tell(done));
-             seteuid(0);
-         }
-         return results;
-     }},
-    {"extended attributes",
-     [](const std::string& dir) -> Results {
-         const std::string file = dir + "/file";
-         const char* const path = file.c_str();
-         const std::string large(1000, 'v');
-         char value[2000];
-         write(file, "x");
-         return {tell(setxattr(path, "user.a", "1", 1, XATTR_REPLACE)),
-                 tell(setxattr(path, "user.a", "1", 1, XATTR_CREATE)),
-                 tell(setxattr(path, "user.a", "2", 1, XATTR_CREATE)),
-                 tell(setxattr(path, "user.b", large.data(), large.size(), 0)),
-                 tell(setxattr(path, "trusted.c", "", 0, 0)),
-                 tell(getxattr(path, "user.b", nullptr, 0)),
-                 tell(getxattr(path, "user.b", value, 10)),
-                 tell(getxattr(path, "user.b", value, sizeof(value))),
-                 tell(getxattr(path, "user.none", value, sizeof(value))),
-                 tell(listxattr(path, value, sizeof(value))),
-                 tell(listxattr(path, value, 3)),
-                 tell(removexattr(path, "user.a")),
-                 tell(removexattr(path, "user.a")),
-                 tell(setxattr(path, "wrong", "", 0, 0))};
-     }},
-    {"access control lists are inherited in place of the umask, and obeyed",
-     [](const std::string& dir) -> Results {
-         const struct {
-             uint32_t version;
-             struct {
-                 uint16_t tag, access;
-                 uint32_t id;
-             } entries[5];
-         } list = {2, {{1, 7, ~0U}, {2, 6, 1000}, {4, 0, ~0U}, {16, 7, ~0U}, {32, 0, ~0U}}};
-         chmod(dir.c_str(), 0755);
-         Results results = {
-             tell(setxattr(dir.c_str(), "system.posix_acl_default", &list, sizeof(list), 0))};
-         const mode_t mask = umask(077);
-         const UniqueFd named = openAt(dir + "/file", O_CREAT | O_RDWR, 0666);
-         const UniqueFd unnamed = openAt(dir, O_TMPFILE | O_RDWR, 0666);
-         umask(mask);
-         results.push_back(tell(linkOpen(unnamed.get(), dir + "/unnamed")));
-         for (const uid_t user : {1000U, 1001U}) {
-             seteuid(user);
-             results.push_back(openAt(dir + "/file", O_RDWR).valid());
-             results.push_back(openAt(dir + "/unnamed", O_RDWR).valid());
-             seteuid(0);
-         }
-         return results;
-     }},
-    {"what cannot be",
-     [](const std::string& dir) -> Results {
-         mkdir((dir + "/full").c_str(), 0755);
-         write(dir + "/full/file", "");
-         return {tell(rmdir((dir + "/full").c_str())),
-                 tell(unlink((dir + "/full").c_str())),
-                 tell(rmdir((dir + "/full/file").c_str())),
-                 tell(unlink((dir + "/none").c_str())),
-                 tell(mkdir((dir + "/full").c_str(), 0755)),
-                 tell(link((dir + "/full").c_str(), (dir + "/l").c_str())),
-                 tell(rename((dir + "/full").c_str(), (dir + "/full/in").c_str())),
-                 tell(openAt(dir + "/full", O_WRONLY).get()),
-                 tell(openAt(dir + "/" + std::string(256, 'n'), O_CREAT).get())};
+         tell << chown("f", 0, 0) << seteuid(0) << setegid(0);
      }},
 };
 
 // Every property of a tree's files that a user sees, times and places on the disk apart.
-std::map<std::string, std::string> dumpOf(const fs::path& root) {
-    std::map<std::string, std::string> dump;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
-        struct stat attributes = {};
-        lstat(entry.path().c_str(), &attributes);
-        std::string line =
-            std::to_string(attributes.st_mode) + " " + std::to_string(attributes.st_nlink) + " " +
-            std::to_string(attributes.st_uid) + ":" + std::to_string(attributes.st_gid) + " ";
-        if (S_ISREG(attributes.st_mode)) {
-            line += read(entry.path().string());
-        } else if (S_ISLNK(attributes.st_mode)) {
-            line += fs::read_symlink(entry.path()).string();
-        }
-        dump[entry.path().lexically_relative(root)] = line;
-    }
-    return dump;
+std::string dumpOf(const std::string& root) {
+    return runProcess({"sh", "-c",
+                       "cd \"$0\" && find . -printf '%P %y %m %n %U:%G %l\\n' -type f "
+                       "-exec md5sum {} \\; | sort",
+                       root})
+        .out;
 }
 
-TEST_F(EmulatedVolume, BehavesAsAPlainFolder) {
+TEST_F(EmulatorTest, BehavesAsAPlainFolder) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "owners and devices can be compared by root only";
+        GTEST_SKIP() << "owners can be compared by root only";
     }
-    const fs::path plain = volume.root() / "plain";
-    fs::create_directory(plain);
     chmod(volume.root().c_str(), 0755);  // other users come here as well
-    for (const Behaviour& behaviour : kBehaviours) {
-        SCOPED_TRACE(behaviour.name);
-        const std::string here = at("side");
-        const std::string there = plain / "side";
-        mkdir(here.c_str(), 0755);
-        mkdir(there.c_str(), 0755);
-        EXPECT_EQ(behaviour.run(here), behaviour.run(there));
-        EXPECT_EQ(dumpOf(here), dumpOf(there));
-        EXPECT_EQ(dumpOf(here), dumpOf(volume.backing() / "side"));
-        EXPECT_GT(fs::remove_all(here), 0U);
-        fs::remove_all(there);
+    for (const auto& [name, behave] : BEHAVIOURS) {
+        SCOPED_TRACE(name);
+        Results results[2];
+        const fs::path sides[] = {volume.root() / "side", volume.mount() / "side"};
+        for (const size_t side : {0U, 1U}) {
+            fs::create_directory(sides[side]);
+            fs::current_path(sides[side]);
+            behave(results[side]);
+        }
+        EXPECT_EQ(results[1].list, results[0].list);
+        EXPECT_EQ(dumpOf(sides[1]), dumpOf(sides[0]));
+        EXPECT_EQ(dumpOf(sides[1]), dumpOf(volume.backing() / "side"));
+        EXPECT_GT(fs::remove_all(sides[1]), 0U);
+        fs::remove_all(sides[0]);
     }
     EXPECT_TRUE(fs::is_empty(volume.backing()));
 }
 
-TEST_F(EmulatedVolume, ListsTypesAndKeepsItsPlaceInAChangingFolder) {
+TEST_F(EmulatorTest, ListsTypesAndKeepsItsPlaceInAChangingFolder) {
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_TRUE(openAt(at("f" + std::to_string(i)), O_CREAT).valid());
+        ASSERT_EQ(tryOpen("f" + std::to_string(i), O_CREAT), 0);
     }
-    DIR* const dir = opendir(volume.mount().c_str());
+    DIR* const dir = opendir(".");
     ASSERT_NE(dir, nullptr);
     int removed = 0;
     for (const dirent* entry = nullptr; (entry = readdir(dir)) != nullptr;) {
-        if (entry->d_name[0] == 'f') {
-            EXPECT_EQ(entry->d_type, DT_REG);
-            removed += unlinkat(dirfd(dir), entry->d_name, 0) == 0 ? 1 : 0;
-        }
+        EXPECT_EQ(entry->d_type, entry->d_name[0] == 'f' ? DT_REG : DT_DIR);
+        removed += unlink(entry->d_name) == 0 ? 1 : 0;
     }
     EXPECT_EQ(removed, 1000);
     rewinddir(dir);
-    int left = 0;
-    while (readdir(dir) != nullptr) {
-        ++left;
-    }
-    EXPECT_EQ(left, 2);  // "." and ".."
+    EXPECT_TRUE(readdir(dir) != nullptr && readdir(dir) != nullptr);  // "." and ".."
+    EXPECT_EQ(readdir(dir), nullptr);
     closedir(dir);
 }
 
-int descriptorsOf(pid_t pid) {
-    const fs::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
-    return static_cast<int>(std::distance(begin(all), end(all)));
-}
-
-TEST_F(EmulatedVolume, IdleFilesTakeNoDescriptors) {
-    const int before = descriptorsOf(volume.pid());
+TEST_F(EmulatorTest, IdleFilesTakeNoDescriptors) {
+    const auto descriptors = [&] {
+        const fs::directory_iterator all("/proc/" + std::to_string(volume.pid()) + "/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = descriptors();
     for (int i = 0; i < 1500; ++i) {
-        ASSERT_TRUE(openAt(at(std::to_string(i)), O_CREAT).valid());
-        ASSERT_EQ(link(at(std::to_string(i)).c_str(), at("l" + std::to_string(i)).c_str()), 0);
-        ASSERT_EQ(unlink(at(std::to_string(i)).c_str()), 0);
-        const UniqueFd unnamed = openAt(volume.mount().string(), O_TMPFILE | O_RDWR);
-        ASSERT_EQ(linkOpen(unnamed.get(), at("u" + std::to_string(i))), 0);
+        const std::string name = std::to_string(i);
+        const std::string other = name + "other";
+        ASSERT_EQ(tryOpen(name, O_CREAT), 0);
+        ASSERT_EQ(link(name.c_str(), other.c_str()), 0);
+        ASSERT_EQ(unlink(name.c_str()), 0);
+        ASSERT_EQ(linkOpen(openAt(".", O_TMPFILE | O_RDWR).get(), name), 0);
+        ASSERT_EQ(rename(other.c_str(), name.c_str()), 0);
     }
-    EXPECT_LT(descriptorsOf(volume.pid()), before + 10);
+    EXPECT_LT(descriptors(), before + 10);
 }
 
-TEST_F(EmulatedVolume, TreesMayBeDeep) {
-    const std::string name(255, 'd');
-    UniqueFd folder = openAt(volume.mount().string(), O_PATH);
-    for (int depth = 0; depth < 60; ++depth) {
-        ASSERT_EQ(mkdirat(folder.get(), name.c_str(), 0755), 0) << depth;
-        folder = UniqueFd(openat(folder.get(), name.c_str(), O_PATH | O_CLOEXEC));
-    }
-    const UniqueFd file(openat(folder.get(), "file", O_CREAT | O_RDWR | O_CLOEXEC, 0644));
-    EXPECT_EQ(::write(file.get(), "x", 1), 1);
-    for (int depth = 60; depth > 0; --depth) {
-        EXPECT_EQ(unlinkat(folder.get(), depth == 60 ? "file" : name.c_str(),
-                           depth == 60 ? 0 : AT_REMOVEDIR),
-                  0);
-        folder = UniqueFd(openat(folder.get(), "..", O_PATH | O_CLOEXEC));
-    }
-}
+#define EXPECT_FLAG_AFTER(call, flag) \
+    ASSERT_EQ(mark("file"), 0x82);    \
+    if (remounted) {                  \
+        remount();                    \
+    }                                 \
+    fd = openAt("file", O_RDWR);      \
+    EXPECT_GE(call, 0) << errno;      \
+    EXPECT_EQ(modifyCheck("file", MODIFY_CHECK_GET), flag)
 
-// ---------------------------------------------------------------- the requests
-
-uint32_t flagOf(int fd) {
-    modify_check_info info = {0, MODIFY_CHECK_GET};
-    EXPECT_EQ(ioctl(fd, F2FS_IOC_MODIFY_CHECK, &info), 0) << errno;
-    return info.flag;
-}
-
-uint32_t flagOf(const std::string& path) {
-    return flagOf(openAt(path, O_RDONLY).get());
-}
-
-int setMark(const std::string& path) {
-    modify_check_info info = {MODIFY_CHECK_FLAG, MODIFY_CHECK_SET};
-    return ioctl(openAt(path, O_RDONLY).get(), F2FS_IOC_MODIFY_CHECK, &info);
-}
-
-// {is_deduped, is_layered}
-std::pair<int, int> stateOf(const std::string& path) {
-    dedup_file_info info = {};
-    EXPECT_EQ(ioctl(openAt(path, O_RDONLY).get(), F2FS_IOC_DEDUP_GET_FILE_INFO, &info), 0);
-    return {info.is_deduped, info.is_layered};
-}
-
-int cloneInto(int fd, int source) {
-    const clone_file_info info = {source, CLONE_FLAGS};
-    return ioctl(fd, F2FS_IOC_CLONE_FILE, &info);
-}
-
-int snapshotInto(int fd, int source) {
-    const snapshot_create_info info = {source, 0};
-    return ioctl(fd, F2FS_IOC_SNAPSHOT_CREATE, &info);
-}
-
-class Requests : public EmulatedVolume {
-  protected:
-    void SetUp() override {
-        EmulatedVolume::SetUp();
-        if (!IsSkipped() && !HasFatalFailure()) {
-            write(at("source"), "source data");
-            write(at("file"), "file data");
-            prepare("source");
-        }
-    }
-    void prepare(const std::string& name) {
-        const UniqueFd source = openAt(at(name), O_RDWR);
-        const UniqueFd clone = openAt(volume.mount().string(), O_TMPFILE | O_RDWR, 0770);
-        const int32_t word = clone.get();
-        ASSERT_EQ(cloneInto(clone.get(), source.get()), 0) << errno;
-        ASSERT_EQ(ioctl(source.get(), F2FS_IOC_SNAPSHOT_PREPARE, &word), 0) << errno;
-    }
-};
-
-struct Change {
-    const char* name;
-    bool clears;
-    std::function<long(const std::string& path, int fd)> make;  // fd: open since before the mark
-};
-
-// Each is done to a marked file.
-const Change kChanges[] = {
-    {"write", true, [](auto&, int fd) { return ::write(fd, "x", 1); }},
-    {"write of the same byte", true, [](auto&, int fd) { return pwrite(fd, "f", 1, 0); }},
-    {"write through another descriptor", true,
-     [](auto& path, int) { return ::write(openAt(path, O_WRONLY).get(), "x", 1); }},
-    {"write through another name", true,
-     [](auto& path, int) {
-         link(path.c_str(), (path + ".link").c_str());
-         return ::write(openAt(path + ".link", O_WRONLY | O_APPEND).get(), "x", 1);
-     }},
-    {"ftruncate", true, [](auto&, int fd) { return ftruncate(fd, 3); }},
-    {"truncate", true, [](auto& path, int) { return truncate(path.c_str(), 30); }},
-    {"truncate to the same size", true, [](auto& path, int) { return truncate(path.c_str(), 9); }},
-    {"open to truncate", true,
-     [](auto& path, int) { return openAt(path, O_WRONLY | O_TRUNC).get(); }},
-    {"open to read and truncate", true,
-     [](auto& path, int) { return openAt(path, O_RDONLY | O_TRUNC).get(); }},
-    {"create to truncate", true,
-     [](auto& path, int) { return openAt(path, O_RDWR | O_CREAT | O_TRUNC).get(); }},
-    {"fallocate", true, [](auto&, int fd) { return fallocate(fd, 0, 0, 5000); }},
-    {"fallocate, size kept", true,
-     [](auto&, int fd) { return fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, 5000); }},
-    {"fallocate, hole", true,
-     [](auto&, int fd) { return fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 1); }},
-    {"fallocate, zeros", true,
-     [](auto&, int fd) { return fallocate(fd, FALLOC_FL_ZERO_RANGE, 0, 1); }},
-    {"copy_file_range", true,
-     [](auto& path, int fd) {
-         const UniqueFd from = openAt(fs::path(path).replace_filename("source"), O_RDONLY);
-         return copy_file_range(from.get(), nullptr, fd, nullptr, 4, 0);
-     }},
-    {"clone into it", true,
-     [](auto& path, int fd) {
-         return cloneInto(fd, openAt(fs::path(path).replace_filename("source"), O_RDONLY).get());
-     }},
-    {"snapshot into it", true,
-     [](auto& path, int fd) {
-         return snapshotInto(fd, openAt(fs::path(path).replace_filename("source"), O_RDONLY).get());
-     }},
-    {"read", false,
-     [](auto&, int fd) {
-         char byte = 0;
-         return pread(fd, &byte, 1, 0);
-     }},
-    {"open to write", false, [](auto& path, int) { return openAt(path, O_RDWR).get(); }},
-    {"chmod", false, [](auto& path, int) { return chmod(path.c_str(), 0600); }},
-    {"utimensat", false, [](auto& path, int) { return utimensat(-1, path.c_str(), nullptr, 0); }},
-    {"setxattr", false, [](auto& path, int) { return setxattr(path.c_str(), "user.x", "", 0, 0); }},
-    {"link and unlink", false,
-     [](auto& path, int) {
-         link(path.c_str(), (path + ".link").c_str());
-         return unlink((path + ".link").c_str());
-     }},
-    {"rename", false,
-     [](auto& path, int) {
-         rename(path.c_str(), (path + ".moved").c_str());
-         return rename((path + ".moved").c_str(), path.c_str());
-     }},
-    {"clone from it", false,
-     [](auto& path, int fd) {
-         return cloneInto(openAt(path + ".clone", O_RDWR | O_CREAT).get(), fd);
-     }},
-    {"fsync", false, [](auto&, int fd) { return fsync(fd); }},
-};
-
-TEST_F(Requests, ChangesOfDataClearTheMarkAndNothingElseDoes) {
+TEST_F(EmulatorTest, ChangesOfDataClearTheMarkAndNothingElseDoes) {
+    const auto source = [] { return openAt("source", O_RDONLY); };
+    UniqueFd fd;
+    makeFiles();
     for (const bool remounted : {false, true}) {  // known to the daemon, and read from the disk
-        for (const Change& change : kChanges) {
-            SCOPED_TRACE(change.name);
-            write(at("file"), "file data");
-            ASSERT_EQ(setMark(at("file")), 0);
-            ASSERT_EQ(flagOf(at("file")), MODIFY_CHECK_FLAG);
-            if (remounted) {
-                ASSERT_TRUE(volume.remount());
-            }
-            const UniqueFd fd = openAt(at("file"), O_RDWR);
-            if (change.make(at("file"), fd.get()) < 0) {
-                EXPECT_EQ(errno, EOPNOTSUPP);  // by the backing file system, for one fallocate mode
-                continue;
-            }
-            EXPECT_EQ(flagOf(fd.get()), change.clears ? MODIFY_CHECK_FLAG & ~MODIFY_CHECK_UNCHANGED
-                                                      : MODIFY_CHECK_FLAG);
-        }
+        EXPECT_FLAG_AFTER(pwrite(fd.get(), "f", 1, 0), 0x80);  // the same byte
+        EXPECT_FLAG_AFTER(truncate("file", 9), 0x80);          // the same size
+        EXPECT_FLAG_AFTER(ftruncate(fd.get(), 3), 0x80);
+        EXPECT_FLAG_AFTER(tryOpen("file", O_WRONLY | O_TRUNC), 0x80);
+        EXPECT_FLAG_AFTER(tryOpen("file", O_RDONLY | O_TRUNC), 0x80);
+        EXPECT_FLAG_AFTER(tryOpen("file", O_RDWR | O_CREAT | O_TRUNC), 0x80);
+        EXPECT_FLAG_AFTER(fallocate(fd.get(), 0, 0, 5000), 0x80);
+        EXPECT_FLAG_AFTER(copy_file_range(source().get(), nullptr, fd.get(), nullptr, 4, 0), 0x80);
+        EXPECT_FLAG_AFTER(cloneInto(fd.get(), source().get()), 0x80);
+        EXPECT_FLAG_AFTER(snapshotInto(fd.get(), source().get()), 0x80);
+        EXPECT_FLAG_AFTER(link("file", "name"), 0x82);
+        EXPECT_FLAG_AFTER(::write(openAt("name", O_WRONLY | O_APPEND).get(), "x", 1), 0x80);
+        EXPECT_FLAG_AFTER(unlink("name"), 0x82);
+        EXPECT_FLAG_AFTER(rename("file", "b") < 0 ? -1 : rename("b", "file"), 0x82);
+        EXPECT_FLAG_AFTER(tryOpen("file", O_RDWR), 0x82);
+        EXPECT_FLAG_AFTER(chmod("file", 0600), 0x82);
+        EXPECT_FLAG_AFTER(setxattr("file", "user.x", "", 0, 0), 0x82);
+        EXPECT_FLAG_AFTER(cloneInto(openAt("new", O_RDWR | O_CREAT).get(), fd.get()), 0x82);
+        EXPECT_FLAG_AFTER(fsync(fd.get()), 0x82);
+    }
+    // Through a shared mapping, data would change without the emulator's knowledge.
+    const UniqueFd unnamed = openAt(".", O_TMPFILE | O_RDWR);
+    for (const int unmapped : {fd.get(), unnamed.get()}) {
+        EXPECT_EQ(mmap(nullptr, 1, PROT_WRITE, MAP_SHARED, unmapped, 0), MAP_FAILED);
     }
 }
 
-TEST_F(Requests, APreparedFileIsSnapshotAndIndependentAfterwards) {
-    EXPECT_EQ(stateOf(at("source")), std::make_pair(0, 1));
-    const UniqueFd source = openAt(at("source"), O_RDONLY);
-    write(at("target"), std::string(10000, 'l'));  // longer than what replaces it
-    const UniqueFd target = openAt(at("target"), O_RDWR | O_APPEND);
+TEST_F(EmulatorTest, APreparedFileIsSnapshotAndIndependentAfterwards) {
+    makeFiles();
+    write("target", std::string(10000, 'l'));
+    const UniqueFd source = openAt("source", O_RDWR);
+    const UniqueFd target = openAt("target", O_RDWR | O_APPEND);
+    const off_t far = off_t{5} << 30;
     struct stat attributes = {};
-    char data[32] = {};
+    char byte = 0;
     ASSERT_EQ(fstat(target.get(), &attributes), 0);
-    ASSERT_EQ(pread(target.get(), data, sizeof(data), 0), 32);
+    ASSERT_EQ(pwrite(source.get(), "x", 1, far), 1);
     ASSERT_EQ(snapshotInto(target.get(), source.get()), 0) << errno;
-    // At once, not when a cache runs out.
-    ASSERT_EQ(pread(target.get(), data, sizeof(data), 0), 11);
-    EXPECT_EQ(std::string(data, 11), "source data");
     ASSERT_EQ(fstat(target.get(), &attributes), 0);
-    EXPECT_EQ(attributes.st_size, 11);
-    ASSERT_EQ(::write(target.get(), "++++", 4), 4);
+    EXPECT_EQ(attributes.st_size, far + 1);  // at once, not when a cache runs out
+    EXPECT_LT(attributes.st_blocks, 100);
+    EXPECT_EQ(pread(target.get(), &byte, 1, far), 1);
+    EXPECT_EQ(byte, 'x');
+    ASSERT_EQ(ftruncate(source.get(), 6), 0);
     ASSERT_EQ(snapshotInto(target.get(), source.get()), 0) << errno;
     EXPECT_EQ(::write(target.get(), "+", 1), 1);  // to the end, which the kernel does not know yet
-    EXPECT_EQ(read(at("target")), "source data+");
-    EXPECT_EQ(stateOf(at("target")), std::make_pair(1, 0));
-    write(at("source"), "other");
-    EXPECT_EQ(read(at("target")), "source data+");
-    EXPECT_EQ(read(at("source")), "other");
+    write("source", "other");
+    EXPECT_EQ(tellOf("target"), "source+ 0 1 0");
+    EXPECT_EQ(tellOf("source"), "other 128 0 1");
     const uint32_t zero = 0;
     EXPECT_EQ(ioctl(target.get(), F2FS_IOC_DEDUP_REVOKE, &zero), 0);
     EXPECT_EQ(ioctl(source.get(), F2FS_IOC_DEDUP_REVOKE, &zero), 0);
-    EXPECT_EQ(stateOf(at("target")), std::make_pair(0, 0));
-    EXPECT_EQ(stateOf(at("source")), std::make_pair(0, 0));
-    EXPECT_EQ(read(at("target")), "source data+");
+    EXPECT_EQ(tellOf("target"), "source+ 0 0 0");
+    EXPECT_EQ(tellOf("source"), "other 128 0 0");
 }
 
-TEST_F(Requests, SnapshotsKeepHolesAndSizesBeyond4GiB) {
-    const off_t far = off_t{5} << 30;
-    const UniqueFd source = openAt(at("source"), O_RDWR);
-    const UniqueFd target = openAt(at("target"), O_RDWR | O_CREAT);
-    ASSERT_EQ(pwrite(source.get(), "far", 3, far), 3);
-    ASSERT_EQ(ftruncate(source.get(), far + (1 << 20)), 0);
-    ASSERT_EQ(pwrite(target.get(), "old", 3, 1 << 20), 3);
-    ASSERT_EQ(snapshotInto(target.get(), source.get()), 0) << errno;
-    struct stat attributes = {};
-    ASSERT_EQ(fstat(target.get(), &attributes), 0);
-    EXPECT_EQ(attributes.st_size, far + (1 << 20));
-    EXPECT_LT(attributes.st_blocks, 100);
-    char data[4] = {};
-    EXPECT_EQ(pread(target.get(), data, 3, far), 3);
-    EXPECT_STREQ(data, "far");
-    EXPECT_EQ(pread(target.get(), data, 3, 0), 3);
-    EXPECT_STREQ(data, "sou");
-    EXPECT_EQ(pread(target.get(), data, 3, 1 << 20), 3);
-    EXPECT_STREQ(data, "");
-}
-
-// Through one, data would change without the emulator's knowledge.
-TEST_F(Requests, SharedMappingsAreRefused) {
-    const UniqueFd named = openAt(at("file"), O_RDWR);
-    const UniqueFd made = openAt(at("new"), O_RDWR | O_CREAT);
-    const UniqueFd unnamed = openAt(volume.mount().string(), O_TMPFILE | O_RDWR);
-    for (const int fd : {named.get(), made.get(), unnamed.get()}) {
-        EXPECT_EQ(mmap(nullptr, 1, PROT_WRITE, MAP_SHARED, fd, 0), MAP_FAILED);
-        EXPECT_EQ(errno, ENODEV);
-    }
-}
-
-// A writer counts at both ends of the file, first at its begin. At any instant the end is at most
-// one behind.
-TEST_F(Requests, ASnapshotIsOfOneInstant) {
-    constexpr off_t kEnd = 8 << 20;
-    std::atomic<bool> done{false};
-    write(at("source"), "");
-    std::thread writer([&] {
-        const UniqueFd fd = openAt(at("source"), O_RDWR);
-        for (uint64_t count = 1; !done; ++count) {
-            pwrite(fd.get(), &count, sizeof(count), 0);
-            pwrite(fd.get(), &count, sizeof(count), kEnd);
-        }
-    });
-    const UniqueFd source = openAt(at("source"), O_RDONLY);
-    for (int i = 0; i < 200; ++i) {
-        uint64_t counts[2] = {};
-        const UniqueFd target = openAt(at("target"), O_RDWR | O_CREAT | O_TRUNC);
-        EXPECT_EQ(snapshotInto(target.get(), source.get()), 0) << errno;
-        pread(target.get(), &counts[0], sizeof(uint64_t), 0);
-        pread(target.get(), &counts[1], sizeof(uint64_t), kEnd);
-        EXPECT_LE(counts[0] - counts[1], 1U) << counts[0] << " and " << counts[1];
-    }
-    done = true;
-    writer.join();
-}
-
-TEST_F(Requests, StateSurvivesTheDaemonAndIsHidden) {
-    const std::pair<const char*, std::function<void()>> ends[] = {
-        {"remount", [&] { ASSERT_TRUE(volume.remount()); }}, {"kill", [&] {
-                                                                  volume.kill9();
-                                                                  ASSERT_TRUE(volume.start());
-                                                              }}};
-    ASSERT_EQ(setMark(at("source")), 0);
-    for (const auto& [name, end] : ends) {
-        SCOPED_TRACE(name);
-        end();
-        EXPECT_EQ(flagOf(at("source")), MODIFY_CHECK_FLAG);
-        EXPECT_EQ(stateOf(at("source")), std::make_pair(0, 1));
-        EXPECT_EQ(read(at("source")), "source data");
-    }
+TEST_F(EmulatorTest, StateSurvivesTheDaemonAndIsHidden) {
+    makeFiles();
+    const char* const name = "user.f2fs_emulator";
+    const std::string backing = volume.backing() / "source";
     char value[64];
-    const std::string path = at("source");
-    const char* const hidden = "user.f2fs_emulator";
-    EXPECT_GT(getxattr((volume.backing() / "source").c_str(), hidden, value, sizeof(value)), 0);
-    EXPECT_EQ(listxattr(path.c_str(), value, sizeof(value)), 0);
-    EXPECT_EQ(errorOf(getxattr(path.c_str(), hidden, value, sizeof(value))), ENODATA);
-    EXPECT_EQ(errorOf(setxattr(path.c_str(), hidden, "", 0, 0)), EPERM);
-    EXPECT_EQ(errorOf(removexattr(path.c_str(), hidden)), ENODATA);
-    EXPECT_EQ(flagOf(path), MODIFY_CHECK_FLAG);
+    for (const bool killed : {false, true}) {
+        remount(killed);
+        EXPECT_EQ(getxattr(backing.c_str(), name, value, sizeof(value)), 12);
+        EXPECT_EQ(listxattr("source", value, sizeof(value)), 0);
+        Results results;
+        results << getxattr("source", name, value, sizeof(value))
+                << setxattr("source", name, "", 0, 0) << removexattr("source", name);
+        EXPECT_EQ(results.list, (std::vector<long>{-ENODATA, -EPERM, -ENODATA}));
+        EXPECT_EQ(tellOf("source"), "source data 130 0 1");
+    }
 }
 
-TEST_F(Requests, RefusalsLeaveTheFileAlone) {
-    const UniqueFd source = openAt(at("source"), O_RDWR);
-    const UniqueFd file = openAt(at("file"), O_RDWR);
-    const UniqueFd reader = openAt(at("file"), O_RDONLY);
-    const UniqueFd writer = openAt(at("source"), O_WRONLY);
-    const UniqueFd path = openAt(at("source"), O_PATH);
-    const UniqueFd folder = openAt(volume.mount().string(), O_RDONLY);
+TEST_F(EmulatorTest, RefusalsLeaveTheFileAlone) {
+    makeFiles();
+    const UniqueFd source = openAt("source", O_RDWR);
+    const UniqueFd source_writer = openAt("source", O_WRONLY);
+    const UniqueFd source_path = openAt("source", O_PATH);
+    const UniqueFd file = openAt("file", O_RDWR);
+    const UniqueFd file_reader = openAt("file", O_RDONLY);
+    const UniqueFd folder = openAt(".", O_RDONLY);
     const UniqueFd foreign = openAt(volume.backing() / "source", O_RDONLY);
-    struct Argument {
-        int32_t descriptor;
-        uint32_t second;
+    const auto other = [](const UniqueFd& fd, unsigned long request, int first, uint32_t second) {
+        const uint32_t argument[] = {static_cast<uint32_t>(first), second};
+        return ioctl(fd.get(), request, argument);
     };
-    const auto F = static_cast<int32_t>(CLONE_FLAGS);
-    const struct {
-        int line;
-        int fd;
-        unsigned long request;
-        Argument argument;
-        int error;
-    } refusals[] = {
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {-1, CLONE_FLAGS}, EBADF},
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {987654, CLONE_FLAGS}, EBADF},
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {writer.get(), CLONE_FLAGS}, EBADF},
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {path.get(), CLONE_FLAGS}, EBADF},
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {foreign.get(), CLONE_FLAGS}, EXDEV},
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {folder.get(), CLONE_FLAGS}, EINVAL},
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {file.get(), CLONE_FLAGS}, EINVAL},
-        {__LINE__, file.get(), F2FS_IOC_CLONE_FILE, {source.get(), 0}, EINVAL},
-        {__LINE__, reader.get(), F2FS_IOC_CLONE_FILE, {source.get(), CLONE_FLAGS}, EBADF},
-        {__LINE__, file.get(), F2FS_IOC_SNAPSHOT_CREATE, {-1, 0}, EBADF},
-        {__LINE__, file.get(), F2FS_IOC_SNAPSHOT_CREATE, {foreign.get(), 0}, EXDEV},
-        {__LINE__, file.get(), F2FS_IOC_SNAPSHOT_CREATE, {source.get(), 1}, EINVAL},
-        {__LINE__, reader.get(), F2FS_IOC_SNAPSHOT_CREATE, {source.get(), 0}, EBADF},
-        {__LINE__, source.get(), F2FS_IOC_SNAPSHOT_CREATE, {reader.get(), 0}, EINVAL},
-        {__LINE__, source.get(), F2FS_IOC_SNAPSHOT_CREATE, {source.get(), 0}, EINVAL},
-        {__LINE__, source.get(), F2FS_IOC_SNAPSHOT_PREPARE, {-5, 0}, EBADF},
-        {__LINE__, source.get(), F2FS_IOC_SNAPSHOT_PREPARE, {folder.get(), 0}, EINVAL},
-        {__LINE__, source.get(), F2FS_IOC_SNAPSHOT_PREPARE, {file.get(), 0}, EINVAL},
-        {__LINE__, file.get(), F2FS_IOC_DEDUP_REVOKE, {1, 0}, EINVAL},
-        {__LINE__, file.get(), F2FS_IOC_MODIFY_CHECK, {F, 0}, EINVAL},
-        {__LINE__, file.get(), F2FS_IOC_MODIFY_CHECK, {F, 12}, EINVAL},
-        {__LINE__, folder.get(), F2FS_IOC_MODIFY_CHECK, {0, MODIFY_CHECK_GET}, ENOTTY},
-        {__LINE__, folder.get(), F2FS_IOC_DEDUP_GET_FILE_INFO, {0, 0}, ENOTTY},
-        {__LINE__, file.get(), _IO(F2FS_IOC_MAGIC, 0x6A), {0, 0}, ENOTTY},
-        {__LINE__, file.get(), _IOW(F2FS_IOC_MAGIC, 0x6C, int32_t), {0, 0}, ENOTTY},
-        {__LINE__, file.get(), _IOWR(F2FS_IOC_MAGIC, 1, int32_t), {0, 0}, ENOTTY},
-    };
-    ASSERT_EQ(setMark(at("file")), 0);
-    ASSERT_EQ(setMark(at("source")), 0);
-    for (auto refusal : refusals) {
-        EXPECT_EQ(errorOf(ioctl(refusal.fd, refusal.request, &refusal.argument)), refusal.error)
-            << "line " << refusal.line;
-    }
-    EXPECT_EQ(read(at("file")), "file data");
-    EXPECT_EQ(read(at("source")), "source data");
-    EXPECT_EQ(flagOf(at("file")), MODIFY_CHECK_FLAG);
-    EXPECT_EQ(flagOf(at("source")), MODIFY_CHECK_FLAG);
-    EXPECT_EQ(stateOf(at("file")), std::make_pair(0, 0));
-    EXPECT_EQ(stateOf(at("source")), std::make_pair(0, 1));
+    Results errors;
+    errors << cloneInto(file.get(), -1) << cloneInto(file.get(), 987654)
+           << cloneInto(file.get(), source_writer.get()) << cloneInto(file.get(), source_path.get())
+           << cloneInto(file_reader.get(), source.get()) << snapshotInto(file.get(), -1)
+           << snapshotInto(file_reader.get(), source.get())
+           << other(source, F2FS_IOC_SNAPSHOT_PREPARE, -5, 0);
+    EXPECT_EQ(errors.list, std::vector<long>(8, -EBADF));
+    errors.list.clear();
+    errors << cloneInto(file.get(), foreign.get()) << snapshotInto(file.get(), foreign.get())
+           << other(source, F2FS_IOC_SNAPSHOT_PREPARE, foreign.get(), 0);
+    EXPECT_EQ(errors.list, std::vector<long>(3, -EXDEV));
+    errors.list.clear();
+    errors << cloneInto(file.get(), folder.get()) << cloneInto(file.get(), file_reader.get())
+           << cloneInto(file.get(), source.get(), 0) << snapshotInto(file.get(), source.get(), 1)
+           << snapshotInto(source.get(), file_reader.get())
+           << other(source, F2FS_IOC_SNAPSHOT_PREPARE, file.get(), 0)
+           << other(file, F2FS_IOC_DEDUP_REVOKE, 1, 0) << other(file, F2FS_IOC_MODIFY_CHECK, 0, 12);
+    EXPECT_EQ(errors.list, std::vector<long>(8, -EINVAL));
+    errors.list.clear();
+    errors << other(folder, F2FS_IOC_MODIFY_CHECK, 0, MODIFY_CHECK_GET)
+           << other(file, _IO(F2FS_IOC_MAGIC, 0x6A), 0, 0)
+           << other(file, _IOWR(F2FS_IOC_MAGIC, 1, int32_t), 0, 0);
+    EXPECT_EQ(errors.list, std::vector<long>(3, -ENOTTY));
+    EXPECT_EQ(tellOf("file"), "file data 130 0 0");
+    EXPECT_EQ(tellOf("source"), "source data 130 0 1");
 }
 
-// Without a mount: whatever comes in is answered, and only what the request may touch is touched.
-TEST(EmulatorRequests, AnyBytesAreAnswered) {
+// Without a mount, as an ordinary user.
+TEST(EmulatorRequests, ShortRecordsAreRefusedAndReadOnlyFilesServed) {
     const EmulatorMount place;
-    write(place.backing() / "a", "a");
-    write(place.backing() / "b", "b");
-    emulator::Volume world;
-    ASSERT_EQ(emulator::openVolume(place.backing().c_str(), world), 0);
-    world.mount_device = world.backing_device;
-    std::vector<UniqueFd> fds;
-    std::vector<emulator::Inode*> inodes;
-    for (const char* name : {"a", "b", "."}) {
-        struct stat attributes;
-        int error = 0;
-        inodes.push_back(emulator::lookUp(world, *world.root, name, attributes, error));
-        ASSERT_NE(inodes.back(), nullptr);
-        fds.push_back(openAt(place.backing() / name, *name == '.' ? O_RDONLY : O_RDWR));
-    }
-    const uint32_t words[] = {0,
-                              4,
-                              8,
-                              CLONE_FLAGS,
-                              0x7fffffff,
-                              0x80000000,
-                              0xffffffff,
-                              MODIFY_CHECK_FLAG,
-                              static_cast<uint32_t>(fds[0].get()),
-                              static_cast<uint32_t>(fds[1].get())};
-    const uint32_t numbers[] = {F2FS_IOC_DEDUP_REVOKE,    F2FS_IOC_DEDUP_GET_FILE_INFO,
-                                F2FS_IOC_CLONE_FILE,      F2FS_IOC_MODIFY_CHECK,
-                                F2FS_IOC_SNAPSHOT_CREATE, F2FS_IOC_SNAPSHOT_PREPARE};
-    std::mt19937 random(20);
-    std::map<int, int> answers;
-    for (int i = 0; i < 20000; ++i) {
-        const size_t file = random() % 3;
-        const size_t in_size = random() % 4 == 0 ? random() % 9 : 8;
-        const size_t out_size = random() % 4 == 0 ? random() % 9 : 8;
-        // Exactly as large as told, for the address sanitizer.
-        const auto in = std::make_unique<char[]>(in_size);
-        const auto out = std::make_unique<char[]>(out_size);
-        const uint32_t argument[] = {words[random() % std::size(words)],
-                                     words[random() % std::size(words)]};
-        memcpy(in.get(), argument, in_size);
-        const uint32_t number = random() % 8 == 0 ? static_cast<uint32_t>(random())
-                                                  : numbers[random() % std::size(numbers)];
+    chmod(place.root().c_str(), 0755);
+    chmod(place.backing().c_str(), 0777);
+    ASSERT_EQ(seteuid(geteuid() == 0 ? 65534 : geteuid()), 0);
+    emulator::Volume volume;
+    ASSERT_EQ(emulator::openVolume(place.backing().c_str(), volume), 0);
+    const UniqueFd fd = openAt(place.backing() / "file", O_CREAT | O_RDWR, 0440);
+    struct stat attributes = {};
+    int error = 0;
+    emulator::Inode* inode = emulator::lookUp(volume, *volume.root, "file", attributes, error);
+    ASSERT_NE(inode, nullptr);
+    const auto serve = [&](unsigned int number, size_t size) {
+        uint32_t record[] = {MODIFY_CHECK_FLAG, MODIFY_CHECK_SET};
         size_t answered = 0;
         bool size_changed = false;
-        const int error = emulator::serveRequest(world,
-                                                 {*inodes[file], fds[file].get(), getpid(), number,
-                                                  in.get(), in_size, out.get(), out_size},
-                                                 answered, size_changed);
-        EXPECT_LE(answered, out_size);
-        ++answers[error];
-    }
-    for (const auto& [error, times] : answers) {
-        EXPECT_TRUE(error == 0 || error == EINVAL || error == EBADF || error == EXDEV ||
-                    error == ESTALE || error == ENOTTY)
-            << error;
-    }
-    EXPECT_GT(answers[0], 1000);
-    EXPECT_LE(read(place.backing() / "a").size(), 1U);
-}
-
-// ---------------------------------------------------------------- the program
-
-TEST(EmulatorProgram, SaysWhatIsWrongInOneLine) {
-    if (const char* reason = EmulatorMount::unavailableReason()) {
-        GTEST_SKIP() << reason;
-    }
-    EmulatorMount volume;
-    ASSERT_TRUE(volume.start()) << volume.errors();
-    const std::string root = volume.root();
-    fs::create_directories(root + "/other/inside");
-    write(root + "/file", "");
-    const std::string usage = runProcess({F2FS_EMULATOR_PATH, "--help"}).out;
-    EXPECT_EQ(usage.compare(0, 21, "Usage: f2fs_emulator "), 0);
-    const struct {
-        std::vector<std::string> arguments;
-        int status;
-        std::string out;
-        std::string err;
-    } cases[] = {
-        {{"-h"}, 0, usage, ""},
-        {{"--version"}, 0, "f2fs_emulator 1.0.0\n", ""},
-        {{}, 2, "", usage},
-        {{"other"}, 2, "", usage},
-        {{"other", "mount", "file"}, 2, "", usage},
-        {{"other", "mount", "-z"}, 2, "", usage},
-        {{"other", "mount", "-o"}, 2, "", usage},
-        {{"none", "mount"}, 1, "", "open the backing folder none: No such file or directory"},
-        {{"file", "mount"}, 1, "", "open the backing folder file: Not a directory"},
-        {{"/proc", "mount"},
-         1,
-         "",
-         std::string("make an unnamed temporary file in /proc: ") +
-             (geteuid() == 0 ? "Operation not supported" : "Permission denied")},
-        {{"other", "none"}, 1, "", "mount on none: No such file or directory"},
-        {{"other", "file"}, 1, "", "mount on file: Not a directory"},
-        {{"other", "other/inside"},
-         1,
-         "",
-         "mount on other/inside: it is inside the backing folder"},
-        {{"other", "mount"},
-         1,
-         "",
-         "mount on mount: Device or resource busy; it is a mount point already, to be freed with "
-         "fusermount3 -u"},
-        {{"other", "other", "-o", "nonsense"},
-         1,
-         "",
-         "mount on other: unknown option(s): `-o nonsense'"},
+        return emulator::serveRequest(
+            volume, {*inode, fd.get(), getpid(), number, record, size, record, size}, answered,
+            size_changed);
     };
-    const fs::path here = fs::current_path();
-    fs::current_path(root);
-    for (const auto& one : cases) {
-        std::vector<std::string> words = {F2FS_EMULATOR_PATH};
-        words.insert(words.end(), one.arguments.begin(), one.arguments.end());
-        const Outcome outcome = runProcess(words);
-        EXPECT_EQ(outcome.status, one.status) << testing::PrintToString(words);
-        EXPECT_EQ(outcome.out, one.out);
-        EXPECT_EQ(outcome.err,
-                  one.status == 1 ? "f2fs_emulator: cannot " + one.err + "\n" : one.err);
+    for (const unsigned int number :
+         {0x4004F566U, 0x8008F567U, 0x4008F569U, 0xC008F56AU, 0x4008F56CU, 0x4004F56DU}) {
+        EXPECT_EQ(serve(number, _IOC_SIZE(number) - 1), EINVAL) << number;
     }
-    fs::current_path(here);
+    EXPECT_EQ(serve(F2FS_IOC_MODIFY_CHECK, 8), 0);
+    EXPECT_EQ(modeOf(place.backing() / "file"), 0440);
+    ASSERT_EQ(seteuid(getuid()), 0);
 }
 
-TEST_F(EmulatedVolume, EndsCleanlyHoweverItIsTold) {
-    struct stat attributes = {};
-    stat(volume.backing().c_str(), &attributes);
-    const dev_t unmounted = attributes.st_dev;
+TEST_F(EmulatorTest, SaysWhatIsWrongInOneLine) {
+    fs::current_path(volume.root());
+    fs::create_directories("other/inside");
+    write("file", "");
+    const auto run = [](const std::string& arguments) {
+        return runProcess({"sh", "-c", F2FS_EMULATOR_PATH " " + arguments});
+    };
+    const std::string usage = run("--help").out;
+    EXPECT_EQ(usage.compare(0, 21, "Usage: f2fs_emulator "), 0);
+    const std::string no_tmpfile = strerror(geteuid() == 0 ? EOPNOTSUPP : EACCES);
+    const struct {
+        const char* arguments;
+        int status;
+        std::string says;
+    } cases[] = {
+        {"-h", 0, usage},
+        {"--version", 0, "f2fs_emulator 1.0.0\n"},
+        {"", 2, usage},
+        {"other mount file", 2, usage},
+        {"other mount -z", 2, usage},
+        {"none mount", 1, "open the backing folder none: No such file or directory"},
+        {"file mount", 1, "open the backing folder file: Not a directory"},
+        {"/proc mount", 1, "make an unnamed temporary file in /proc: " + no_tmpfile},
+        {"other none", 1, "mount on none: No such file or directory"},
+        {"other file", 1, "mount on file: Not a directory"},
+        {"other other/inside", 1, "mount on other/inside: it is inside the backing folder"},
+        {"other mount", 1,
+         "mount on mount: it is a mount point already, to be freed with fusermount3 -u"},
+        {"other other -o no", 1, "mount on other: unknown option(s): `-o no'"},
+    };
+    for (const auto& [arguments, status, says] : cases) {
+        const Outcome outcome = run(arguments);
+        EXPECT_EQ(outcome.status, status) << arguments;
+        EXPECT_EQ(outcome.out, status == 0 ? says : "");
+        EXPECT_EQ(outcome.err, status == 1 ? "f2fs_emulator: cannot " + says + "\n"
+                                           : usage.substr(status == 2 ? 0 : usage.size()));
+    }
+}
+
+TEST_F(EmulatorTest, EndsCleanlyHoweverItIsTold) {
     std::signal(SIGINT, SIG_IGN);  // as a shell does for a job in the background
-    ASSERT_TRUE(volume.remount()) << volume.errors();
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, 0}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         SCOPED_TRACE(signal);
-        const UniqueFd busy = openAt(at("file"), O_CREAT | O_RDWR);
-        if (signal != 0) {
-            EXPECT_EQ(volume.stop(signal), 0);
-        } else {
-            EXPECT_EQ(runProcess({"fusermount3", "-uz", volume.mount()}).status, 0);
-        }
-        ASSERT_EQ(stat(volume.mount().c_str(), &attributes), 0);
-        EXPECT_EQ(attributes.st_dev, unmounted);
-        if (signal != 0) {
-            ASSERT_TRUE(volume.start()) << volume.errors();
-        }
+        remount();
+        const UniqueFd busy = openAt("file", O_CREAT | O_RDWR);
+        EXPECT_EQ(volume.stop(signal), 0);
+        EXPECT_TRUE(fs::is_empty(volume.mount()));
+        ASSERT_TRUE(volume.start()) << volume.errors();
     }
-    EXPECT_EQ(volume.waitForEnd(), 0);
     std::signal(SIGINT, SIG_DFL);
-}
-
-TEST(EmulatorProgram, GoesToTheBackgroundOnceMounted) {
-    if (const char* reason = EmulatorMount::unavailableReason()) {
-        GTEST_SKIP() << reason;
-    }
-    const EmulatorMount folders;
-    const fs::path here = fs::current_path();
-    fs::current_path(folders.root());
+    fs::current_path(volume.root());
+    EXPECT_EQ(runProcess({"fusermount3", "-u", "mount"}).status, 0);
+    EXPECT_EQ(volume.waitForEnd(), 0);
+    // In the background.
     EXPECT_EQ(runProcess({F2FS_EMULATOR_PATH, "backing", "mount"}).status, 0);
-    fs::current_path(here);
-    write(folders.mount() / "file", "x");
-    EXPECT_EQ(setMark(folders.mount() / "file"), 0);
-    EXPECT_EQ(runProcess({"fusermount3", "-u", folders.mount()}).status, 0);
-    EXPECT_EQ(read(folders.backing() / "file"), "x");
+    EXPECT_EQ(tellOf("mount/file"), " 0 0 0");
+    EXPECT_EQ(runProcess({"fusermount3", "-u", "mount"}).status, 0);
 }
 
 }  // namespace

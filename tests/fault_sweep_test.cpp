@@ -29,15 +29,13 @@ enum class Root { GONE, KEPT, EITHER };
 // What is promised when a call fails, by the phase and the kind of the call. Result 0 stands for
 // the result without a fault: the failure goes unnoticed. Failing from then on, it is a later call
 // that decides.
-struct Promise {
+const struct Promise {
     const char* phases;
     const char* calls;
     std::set<int32_t> once;
     std::set<int32_t> lasting;
     Root root = Root::GONE;  // after a create that one failed call has made fail
-};
-
-const Promise PROMISES[] = {
+} PROMISES[] = {
     {"prepare", "opendir open", {-2}, {-2}},
     {"prepare", "request", {-1}, {-1}},
     {"prepare", "readdir", {0}, {0, -2}},  // a read error is the end of that directory
@@ -65,11 +63,10 @@ const Promise PROMISES[] = {
     {"cleanup", "closedir", {0}, {0}},
 };
 
-bool holds(const char* words, const std::string& word) {
-    return (" " + std::string(words) + " ").find(" " + word + " ") != std::string::npos;
-}
-
 const Promise* promiseFor(const std::string& phase, const std::string& kind) {
+    const auto holds = [](const char* words, const std::string& word) {
+        return (" " + std::string(words) + " ").find(" " + word + " ") != std::string::npos;
+    };
     for (const Promise& promise : PROMISES) {
         if (holds(promise.phases, phase) && holds(promise.calls, kind)) {
             return &promise;
@@ -93,7 +90,7 @@ std::string phaseOf(const std::vector<std::string>& trace) {
             phase = "mirror";
         } else if (phase == "mirror" && begins("opendir")) {
             phase = "walk";
-        } else if (phase != "prepare" && (line == "opendir $/s" || begins("opendir $/s ="))) {
+        } else if (phase != "prepare" && (line == "opendir $/s/1" || begins("opendir $/s/1 ="))) {
             phase = "check";
         } else if (phase == "check" && begins("unlink")) {
             phase = "redo";
@@ -122,22 +119,13 @@ struct Scenario {
     Operation operation;
     int32_t result = 0;      // without a fault
     bool old_root = false;   // a snapshot is there already
-    bool writer = false;     // changes a file while its snapshot is made
+    bool writer = false;     // changes a file behind its snapshot
     bool odd_entry = false;  // the last entry is nothing that can be mirrored
 };
 
 void PrintTo(const Scenario& scenario, std::ostream* out) {
     *out << scenario.name;
 }
-
-const Scenario SCENARIOS[] = {
-    {"Prepare", Operation::PREPARE},
-    {"Create", Operation::CREATE},
-    {"CreateOverAnOldRoot", Operation::CREATE, 0, true},
-    {"CreateWithFilesMadeAgain", Operation::CREATE, 0, false, true},
-    {"CreateThatCleansUp", Operation::CREATE, -22, false, false, true},
-    {"Destroy", Operation::DESTROY, 0, true},
-};
 
 using Dump = std::vector<std::string>;
 
@@ -152,12 +140,14 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
             setenv("TMPDIR", "/dev/shm", 0);  // thousands of trees, none of them worth a disk
         }
         TestTree::SetUp();
-        fs::create_directories(at("s/b/empty"));
-        fs::create_directory(at("s2"));
+        fs::create_directories(at("s/1/b/empty"));
+        fs::create_directory(at("s/2"));
         fs::create_directory(at("t"));
-        write(at("s/b/c"), "content");
-        fs::create_symlink("b/c", at("s/l"));
-        write(at("s2/z"), "");
+        write(at("s/1/b/c"), "content");
+        fs::create_symlink("b/c", at("s/1/l"));
+        write(at("s/2/z"), "");
+        sources = {at("s/1"), at("s/2")};
+        mirror = at("t/snapshot") + at("s");
     }
 
     // Runs the operation with one fault. False: it ended before the fault's turn came.
@@ -172,16 +162,16 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
         std::string call;
         Dump done;  // up to the fault
         kernel.before = [&](const std::string& line) {
-            if (!wrote && line == "opendir $/s/b") {
-                write(at("s/a"), "after");
-                source_ = dumpBelow(root);
+            if (!wrote && line == "opendir $/s/1/b") {
+                write(at("s/1/a"), "after");
+                source = dump(at("s"));
                 wrote = true;
             }
             if (kernel.calls == fault.call) {
                 call = line;
                 done = kernel.trace;
                 done.push_back(line);
-                at_fault_ = snapshot();
+                at_fault = snapshot();
             }
         };
         const auto open_before = openFiles();
@@ -192,7 +182,7 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
 
         EXPECT_EQ(openFiles(), open_before);
         EXPECT_EQ(kernel.openDescriptors(), 0U);
-        EXPECT_EQ(dumpBelow(root), source_);
+        EXPECT_EQ(dump(at("s")), source);
         const bool met = !call.empty();
         if (met) {
             ++runs;
@@ -213,24 +203,21 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
   private:
     void reset() {
         fs::remove_all(at("t/snapshot"));
-        write(at("s/a"), "before");
+        write(at("s/1/a"), "before");
         if (GetParam().old_root) {
-            const fs::path mirror = at("t/snapshot") + root.string();
             fs::create_directories(mirror);
-            for (const char* source : {"s", "s2"}) {
-                fs::copy(at(source), mirror / source,
-                         fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-            }
+            fs::copy(at("s"), mirror,
+                     fs::copy_options::recursive | fs::copy_options::copy_symlinks);
         }
-        older_ = source_ = dumpBelow(root);
+        older = source = dump(at("s"));
     }
 
     int32_t operate() {
         switch (GetParam().operation) {
             case Operation::PREPARE:
-                return PreCreateDirSnapshot({at("s"), at("s2")});
+                return PreCreateDirSnapshot(sources);
             case Operation::CREATE:
-                return CreateDirSnapshot({at("s"), at("s2")}, at("t"));
+                return CreateDirSnapshot(sources, at("t"));
             default:
                 return DestroyDirSnapshot(at("t"));
         }
@@ -246,17 +233,14 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
 
         const bool there = fs::exists(at("t/snapshot"));
         if (there && (phase == "remove" || phase == "cleanup")) {
-            EXPECT_EQ(snapshot(), ret == 0 ? source_ : at_fault_);  // nothing is removed after it
+            EXPECT_EQ(snapshot(), ret == 0 ? source : at_fault);  // nothing is removed after it
         }
-        if (GetParam().operation == Operation::PREPARE) {
-            EXPECT_FALSE(there);
-        } else if (ret == 0) {
+        if (ret == 0) {
             EXPECT_EQ(there, GetParam().operation == Operation::CREATE);
             checkSnapshot(lasting || kind == "opendir" || kind == "readdir");
-        } else if (phase == "remove") {
-            EXPECT_TRUE(there);
-        } else if (lasting) {
-            EXPECT_TRUE(there || phase == "root");  // the cleanup fails too
+        } else if (lasting || phase == "remove" || phase == "prepare") {
+            EXPECT_TRUE(phase == "root" ||
+                        there == (phase != "prepare"));  // no cleanup, or a failed one
         } else {
             const Root promised = unnoticed && phase != "cleanup" ? Root::GONE : promise->root;
             EXPECT_TRUE(promised == Root::EITHER || there == (promised == Root::KEPT));
@@ -267,10 +251,10 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
     void checkSnapshot(bool ended_early) {
         const Dump made = snapshot();
         if (!ended_early) {
-            EXPECT_EQ(made, GetParam().operation == Operation::CREATE ? source_ : Dump());
+            EXPECT_EQ(made, GetParam().operation == Operation::CREATE ? source : Dump());
         }
-        Dump right = source_;
-        right.insert(right.end(), older_.begin(), older_.end());
+        Dump right = source;
+        right.insert(right.end(), older.begin(), older.end());
         std::sort(right.begin(), right.end());
         EXPECT_TRUE(std::includes(right.begin(), right.end(), made.begin(), made.end()))
             << testing::PrintToString(made);
@@ -283,30 +267,19 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
         const int32_t expected = fs::exists(at("t/snapshot")) ? 0 : -2;
         EXPECT_EQ(kernel.run([&] { return DestroyDirSnapshot(at("t")); }), expected);
         EXPECT_TRUE(fs::is_empty(at("t")));
-        EXPECT_EQ(kernel.run([&] { return CreateDirSnapshot({at("s"), at("s2")}, at("t")); }), 0);
-        EXPECT_EQ(snapshot(), dumpBelow(root));
+        EXPECT_EQ(kernel.run([&] { return CreateDirSnapshot(sources, at("t")); }), 0);
+        EXPECT_EQ(snapshot(), dump(at("s")));
     }
 
-    Dump snapshot() {
-        return dumpBelow(at("t/snapshot") + root.string());
+    Dump snapshot() const {
+        return fs::exists(mirror) ? dump(mirror) : Dump();
     }
 
-    // Both sources, or their mirrors.
-    static Dump dumpBelow(const fs::path& top) {
-        Dump both;
-        for (const char* source : {"s", "s2"}) {
-            if (fs::exists(top / source)) {
-                const Dump lines = dump(top / source);
-                both.insert(both.end(), lines.begin(), lines.end());
-            }
-        }
-        std::sort(both.begin(), both.end());
-        return both;
-    }
-
-    Dump source_;
-    Dump older_;     // what the sources held before the writer came
-    Dump at_fault_;  // the snapshot
+    std::vector<std::string> sources;
+    fs::path mirror;
+    Dump source;    // what the sources hold
+    Dump older;     // what they held before the writer came
+    Dump at_fault;  // what the snapshot held when the call failed
 };
 
 size_t FaultSweep::runs = 0;
@@ -325,6 +298,14 @@ TEST_P(FaultSweep, KeepsEveryPromise) {
     }
 }
 
+const Scenario SCENARIOS[] = {
+    {"Prepare", Operation::PREPARE},
+    {"Create", Operation::CREATE},
+    {"CreateOverAnOldRoot", Operation::CREATE, 0, true},
+    {"CreateWithFilesMadeAgain", Operation::CREATE, 0, false, true},
+    {"CreateThatCleansUp", Operation::CREATE, -22, false, false, true},
+    {"Destroy", Operation::DESTROY, 0, true},
+};
 INSTANTIATE_TEST_SUITE_P(All, FaultSweep, testing::ValuesIn(SCENARIOS),
                          [](const auto& scenario) { return scenario.param.name; });
 

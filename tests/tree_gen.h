@@ -2,16 +2,14 @@
 // trees are compared whole.
 #pragma once
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <random>
 #include <vector>
 
 #include "test_tree.h"
 
-// One line per entry below top, sorted: type, path, and what the entry holds (size and content
-// hash, or link text). Sorted lines, so that "is part of" is a question for std::includes.
+// A line per entry below top: type, path, and what it holds (size and content hash, or link text).
+// Sorted, so that std::includes tells whether one tree is a part of another.
 inline std::vector<std::string> dump(const fs::path& top) {
     std::vector<std::string> lines;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top)) {
@@ -35,20 +33,21 @@ inline std::vector<std::string> dump(const fs::path& top) {
     return lines;
 }
 
-// Fills a directory. The same seed gives the same tree everywhere: the engine's numbers are fixed
-// by the language, those of the library's distributions are not.
+// The same seed gives the same tree everywhere: the numbers of the engine are fixed by the
+// language, those of the library's distributions are not.
 class TreeGenerator {
   public:
     explicit TreeGenerator(uint32_t seed) : random_(seed) {}
 
+    // Fills a folder; somewhere below it is a deep one.
     void fill(const fs::path& top) {
-        fillDirectory(top, 0);
+        fillFolder(top, MAX_DEPTH);
         fs::path deep = top;
         for (size_t level = below(60); level > 0; --level) {
-            deep /= "d";
+            deep /= "D";  // no letter of name()
         }
         fs::create_directories(deep);
-        makeEntry(deep / "bottom", MAX_DEPTH);
+        makeEntry(deep / "bottom", 0);
     }
 
   private:
@@ -58,9 +57,9 @@ class TreeGenerator {
         return random_() % bound;
     }
 
-    void fillDirectory(const fs::path& directory, size_t depth) {
+    void fillFolder(const fs::path& folder, size_t depth) {
         for (size_t count = below(9); count > 0; --count) {
-            const fs::path path = directory / name();
+            const fs::path path = folder / name();
             if (!fs::exists(fs::symlink_status(path))) {
                 makeEntry(path, depth);
             }
@@ -69,38 +68,34 @@ class TreeGenerator {
 
     void makeEntry(const fs::path& path, size_t depth) {
         const size_t kind = below(8);
-        if (kind < 2 && depth < MAX_DEPTH) {
+        if (kind < 2 && depth > 0) {
             fs::create_directory(path);
-            fillDirectory(path, depth + 1);
+            fillFolder(path, depth - 1);
         } else if (kind < 4) {
             const std::string texts[] = {"nowhere", path.string(), "../" + name(), "a\n\xFF ;",
                                          std::string(4095, 'x')};
             fs::create_symlink(texts[below(std::size(texts))], path);
+        } else if (kind < 7) {
+            const size_t sizes[] = {0, 1 + below(100), 5000 + below(100000)};
+            write(path, bytes(sizes[kind - 4]));
         } else {
-            makeFile(path);
+            write(path, bytes(1));
+            fs::resize_file(path, 1 + below(1 << 17));  // a hole between two bytes
+            std::ofstream(path, std::ios::binary | std::ios::app) << bytes(1);
         }
     }
 
-    // Empty, small, larger than a block, or with holes around its data.
-    void makeFile(const fs::path& path) {
-        const size_t sizes[] = {0, 1 + below(100), 5000 + below(100000), 1 + below(1 << 20)};
-        const size_t kind = below(std::size(sizes));
-        std::string data(kind == 3 ? 1 : sizes[kind], '\0');
+    std::string bytes(size_t size) {
+        std::string data(size, '\0');
         std::generate(data.begin(), data.end(), [this] { return static_cast<char>(random_()); });
-        write(path, data);
-        if (kind == 3) {
-            std::fstream(path).seekp(static_cast<std::streamoff>(below(sizes[kind]))) << data;
-            fs::resize_file(path, sizes[kind]);
-        }
+        return data;
     }
 
     std::string name() {
         const size_t kind = below(8);
+        const std::string letters = kind < 4 ? " \n;\xFF\x80.-*\\\"'a" : "abcdefghijklmnop";
         std::string text(kind == 0 ? 255 : 1 + below(12), '\0');
-        const std::string odd = " \n;\xFF\x80.-*\\\"'a";
-        for (char& byte : text) {
-            byte = kind < 4 ? odd[below(odd.size())] : static_cast<char>('a' + below(26));
-        }
+        std::generate(text.begin(), text.end(), [&] { return letters[below(letters.size())]; });
         return text == "." || text == ".." ? "..." : text;
     }
 
