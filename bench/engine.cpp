@@ -1,0 +1,232 @@
+// The engine against bare loops of the same system calls, and with its log against without.
+//
+// usage: bench_engine SOURCE TARGET     both on one file system; SOURCE holds folders of files
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "bench.h"
+#include "snapshot.h"
+#include "stub.h"
+
+namespace {
+
+std::string source;
+std::string target;
+std::string root;    // of the snapshot
+std::string mirror;  // of the source in it
+long lines = 0;      // that the last measured operation logged
+
+// The paths that the engine will form, in the order in which the streams yield the names.
+struct Place {
+    std::string path;
+    std::string snapshot;
+};
+struct Folder {
+    Place place;
+    std::vector<Place> files;
+};
+using Plan = std::vector<Folder>;
+
+std::vector<Place> list(const std::string& folder) {
+    std::vector<Place> places;
+    DIR* const stream = opendir(folder.c_str());
+    require(stream != nullptr, folder);
+    while (const dirent* entry = readdir(stream)) {
+        if (entry->d_name[0] != '.') {
+            const std::string path = folder + "/" + entry->d_name;
+            places.push_back({path, root + path});
+        }
+    }
+    closedir(stream);
+    return places;
+}
+
+Plan plan(const std::string& top) {
+    Plan folders;
+    for (const Place& place : list(top)) {
+        folders.push_back({place, list(place.path)});
+    }
+    return folders;
+}
+
+DIR* readWhole(const std::string& folder) {
+    DIR* const stream = opendir(folder.c_str());
+    while (readdir(stream) != nullptr) {
+    }
+    return stream;
+}
+
+// The calls of a walk and nothing else.
+template <typename OnFolder, typename OnFile>
+void bareWalk(const std::string& top, const Plan& folders, OnFolder onFolder, OnFile onFile) {
+    DIR* const top_stream = readWhole(top);
+    for (const Folder& folder : folders) {
+        onFolder(folder.place);
+        DIR* const stream = readWhole(folder.place.path);
+        for (const Place& file : folder.files) {
+            onFile(folder, file);
+        }
+        closedir(stream);
+    }
+    closedir(top_stream);
+}
+
+void nothing(const Place& /*folder*/) {}
+
+void bareFilePrepare(const Folder& folder, const Place& file) {
+    const int source_fd = open(file.path.c_str(), O_RDWR);
+    if (!stub_layered) {
+        close(open(folder.place.path.c_str(), O_RDWR | O_TMPFILE, 0770));
+    }
+    close(source_fd);
+}
+
+void bareFileSnapshot(const Place& file) {
+    const int source_fd = open(file.path.c_str(), O_RDONLY);
+    struct stat source_stat;
+    stat(file.path.c_str(), &source_stat);
+    const int fd = open(file.snapshot.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0440);
+    require(fallocate(fd, 0, 0, source_stat.st_size) == 0, file.snapshot);
+    close(fd);
+    close(source_fd);
+}
+
+void bareFileCheck(const Place& file) {
+    close(open(file.path.c_str(), O_RDONLY));
+    struct stat snapshot_stat;
+    require(stat(file.snapshot.c_str(), &snapshot_stat) == 0, file.snapshot);
+}
+
+void barePrepare(const Plan& folders) {
+    bareWalk(source, folders, nothing, bareFilePrepare);
+}
+
+void bareCheck(const Plan& folders) {
+    bareWalk(source, folders, nothing,
+             [](const Folder&, const Place& file) { bareFileCheck(file); });
+}
+
+void makeMissing(const std::string& path) {
+    struct stat folder_stat;
+    for (size_t end = 1; end != std::string::npos;) {
+        end = path.find('/', end + 1);
+        const std::string folder = path.substr(0, end);
+        require(stat(folder.c_str(), &folder_stat) == 0 || mkdir(folder.c_str(), 0770) == 0,
+                folder);
+    }
+}
+
+void bareCreate(const Plan& folders) {
+    struct stat root_stat;
+    require(stat(root.c_str(), &root_stat) != 0, root + " is gone");
+    makeMissing(root);
+    makeMissing(mirror);
+    const auto makeFolder = [](const Place& folder) { mkdir(folder.snapshot.c_str(), 0770); };
+    bareWalk(source, folders, makeFolder, [](const Folder& folder, const Place& file) {
+        bareFilePrepare(folder, file);
+        bareFileSnapshot(file);
+    });
+    bareCheck(folders);
+}
+
+void bareDestroy(const Plan& folders) {
+    std::vector<DIR*> above;
+    for (size_t end = root.size(); end != std::string::npos; end = mirror.find('/', end + 1)) {
+        above.push_back(readWhole(mirror.substr(0, end)));
+    }
+    bareWalk(mirror, folders, nothing,
+             [](const Folder&, const Place& file) { unlink(file.path.c_str()); });
+    for (const Folder& folder : folders) {
+        rmdir(folder.place.path.c_str());
+    }
+    rmdir(mirror.c_str());
+    for (std::string path = mirror; !above.empty(); above.pop_back()) {
+        path.resize(path.rfind('/'));
+        closedir(above.back());
+        require(rmdir(path.c_str()) == 0, path);
+    }
+}
+
+void prepare() {
+    require(PreCreateDirSnapshot({source}) == 0, "prepare");
+}
+void create() {
+    require(CreateDirSnapshot({source}, target) == 0, "create");
+}
+void check() {
+    std::vector<file_info> modified;
+    require(checkModifyFiles(source, modified, root) == 0 && modified.empty(), "check");
+}
+void destroy() {
+    require(DestroyDirSnapshot(target) == 0, "destroy");
+}
+void nothingBefore() {}
+
+struct Operation {
+    const char* name;
+    bool layered;
+    void (*before)();
+    void (*engine)();
+    void (*bare)(const Plan&);
+    void (*after)();
+};
+
+constexpr Operation OPERATIONS[] = {
+    {"prepare", false, nothingBefore, prepare, barePrepare, nothingBefore},
+    {"prepare, layered before", true, nothingBefore, prepare, barePrepare, nothingBefore},
+    {"create", false, nothingBefore, create, bareCreate, destroy},
+    {"create, layered before", true, nothingBefore, create, bareCreate, destroy},
+    {"check", false, create, check, bareCheck, destroy},
+    {"destroy", false, create, destroy, bareDestroy, nothingBefore},
+};
+
+// Measures one of the two forms of an operation, with what must be there before and go after.
+Cost perform(const Operation& operation, bool bare, bool log = false) {
+    stub_layered = operation.layered;
+    operation.before();
+    const Plan folders = plan(operation.bare == bareDestroy ? mirror : source);
+    usleep(50'000);  // the kernel frees what went before in the background
+    stub_log_on = log;
+    stub_log_lines = 0;
+    const Cost cost = measure([&] { bare ? operation.bare(folders) : operation.engine(); });
+    stub_log_on = false;
+    lines = stub_log_lines;
+    operation.after();
+    return cost;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    require(argc == 3, "usage: bench_engine SOURCE TARGET");
+    source = argv[1];
+    target = argv[2];
+    root = target + "/snapshot";
+    mirror = root + source;
+    // The log library writes to standard error; the report goes to standard output.
+    require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null");
+    double files = 0;
+    for (const Folder& folder : plan(source)) {
+        files += static_cast<double>(folder.files.size());
+    }
+    for (const Operation& operation : OPERATIONS) {
+        registerContest(
+            operation.name, files, [&] { return perform(operation, false); },
+            [&] { return perform(operation, true); });
+    }
+    for (const Operation& operation : {OPERATIONS[0], OPERATIONS[2], OPERATIONS[5]}) {
+        perform(operation, false);
+        const std::string per_file = std::to_string(static_cast<double>(lines) / files);
+        registerContest(
+            std::string("log/") + operation.name + "/" + per_file, files,
+            [=] { return perform(operation, false, true); },
+            [=] { return perform(operation, false); });
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
