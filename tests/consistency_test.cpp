@@ -310,6 +310,7 @@ class ConsistencyTest : public EmulatedVolume {
         };
         shared->gap = random.below(2) == 0 ? 0 : quiet_time / 8;
         const int status = create();
+        on_event = nullptr;
         EXPECT_TRUE(halt()) << "a writer has failed";
         EXPECT_EQ(expected.count(status), 1U) << status;
         ++creates[status];

@@ -78,7 +78,7 @@ class ResourceTest : public EmulatedVolume {
 };
 
 TEST_F(ResourceTest, DescriptorLimits) {
-    for (const rlim_t limit : {8, 16, 64}) {
+    for (const rlim_t limit : {8U, 16U, 64U}) {
         SCOPED_TRACE(limit);
         const auto within = [=] {
             const rlimit descriptors = {limit, limit};
