@@ -115,7 +115,7 @@ def scale():
                     *quartiles(per_unit(records, "destroy"))]
                    for records in load("scale").values()],
          """set logscale x; set format x "%.0s%c"; set xlabel "files"; set xrange [700:1400000]
-        set ylabel "µs per file"; set yrange [0:*]; set key center right
+        set ylabel "µs per file"; set yrange [0:*]; set key bottom left
         plot $data using 1:3:2:4 with yerrorlines ls 1 title "create", \\
              $data using 1:6:5:7 with yerrorlines ls 2 title "destroy" """)
 
@@ -133,11 +133,11 @@ def peers():
                          f"{records[0][step]['calls'] / records[0]['units']:.1f}"])
         table(f"peers-{step}",
               ["µs per file", "wall", "user", "system", "daemon", "system calls"], rows)
-    plot("peers", [[f'"{name.replace("`", "")}"', middle(per_unit(records, "make")),
+    plot("peers", [['"' + re.sub("`|,", "", name).replace(" ", "\\n") + '"', middle(per_unit(records, "make")),
                     middle(per_unit(records, "remove"))]
                    for name, records in contestants.items() if "emulator" not in name],
-         """set style data histograms; set style fill solid 0.9; set boxwidth 0.9; set rmargin 12
-        set ylabel "µs per file"; set yrange [0:*]; set xtics rotate by -20 scale 0
+         """set style data histograms; set style fill solid 0.9; set boxwidth 0.9
+        set ylabel "µs per file"; set yrange [0:*]; set xtics scale 0; set key top right; set bmargin 6
         plot $data using 2:xtic(1) ls 1 title "make", $data using 3 ls 2 title "remove" """)
 
 

@@ -193,7 +193,7 @@ def peers():
                 record[step] = {**run(words, preload), "calls": number,
                                 "daemon": served.processor_seconds() - before}
             records.append(record)
-    return records
+    return sorted(records, key=lambda record: list(contestants).index(record["name"]))
 
 
 def sizes():
