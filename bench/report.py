@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Writes what run.py measured into docs/benchmarks.md, between its markers, and draws the plots.
+"""Writes what run.py measured between the markers of DOCS_DIR/benchmarks.md, and draws the plots.
 
-usage: report.py RESULTS_DIR
+usage: report.py RESULTS_DIR DOCS_DIR
 """
 import collections
 import json
@@ -12,9 +12,9 @@ import re
 import statistics
 import subprocess
 import sys
+import textwrap
 
-results = pathlib.Path(sys.argv[1])
-docs = pathlib.Path(__file__).resolve().parent.parent / "docs"
+results, docs = map(pathlib.Path, sys.argv[1:])
 page = (docs / "benchmarks.md").read_text()
 
 
@@ -54,7 +54,7 @@ def table(part, head, rows):
 
 
 def plot(name, data, commands):
-    style = """set terminal svg size 720,400 font "sans-serif,13" background "white"
+    style = """set terminal svg size 720,400 font "sans-serif,13" background "white" noenhanced
         set grid ytics lc rgb "#dddddd"; set border 3; set tics nomirror; set key top left
         set style line 1 lc rgb "#1b6ca8" lw 2 pt 7; set style line 2 lc rgb "#d1495b" lw 2 pt 5
         """
@@ -133,11 +133,14 @@ def peers():
                          f"{records[0][step]['calls'] / records[0]['units']:.1f}"])
         table(f"peers-{step}",
               ["µs per file", "wall", "user", "system", "daemon", "system calls"], rows)
-    plot("peers", [['"' + re.sub("`|,", "", name).replace(" ", "\\n") + '"', middle(per_unit(records, "make")),
-                    middle(per_unit(records, "remove"))]
-                   for name, records in contestants.items() if "emulator" not in name],
-         """set style data histograms; set style fill solid 0.9; set boxwidth 0.9
-        set ylabel "µs per file"; set yrange [0:*]; set xtics scale 0; set key top right; set bmargin 6
+    bars = []
+    for name, records in contestants.items():
+        words = textwrap.wrap(re.sub("[`,]", "", name), 17, break_on_hyphens=False)
+        bars.append(['"' + "\\n".join(words) + '"', middle(per_unit(records, "make")),
+                     middle(per_unit(records, "remove"))])
+    plot("peers", [bar for bar in bars if "emulator" not in bar[0]],
+         """set style data histograms; set style fill solid 0.9; set boxwidth 0.9; set bmargin 4
+        set ylabel "µs per file"; set yrange [0:*]; set xtics scale 0; set key top right
         plot $data using 2:xtic(1) ls 1 title "make", $data using 3 ls 2 title "remove" """)
 
 

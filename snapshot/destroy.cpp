@@ -22,16 +22,16 @@ bool unlinkEntry(const std::string& path) {
 
 int32_t DestroyDirSnapshotInter(std::string dstpath) {
     LOG_INFO("DestroyDirSnapshotInter for dstpath [%s] enter\n", dstpath.c_str());
-    const bool opened = forEachEntry(dstpath, [&](const char* name, unsigned char type) {
+    const bool opened = forEachEntry(dstpath, [](const dir_entry& entry) {
         // A failed unlink stops on any result, a subdirectory only on a negative one.
-        switch (type) {
+        switch (entry.type) {
             case DT_DIR:
-                return DestroyDirSnapshotInter(dstpath + "/" + name) >= 0;
+                return DestroyDirSnapshotInter(entry.path) >= 0;
             case DT_REG:
             case DT_LNK:
-                return unlinkEntry(dstpath + "/" + name);
+                return unlinkEntry(entry.path);
             default:
-                LOG_ERROR("INVALID file_type = %d found and continue\n", type);
+                LOG_ERROR("INVALID file_type = %d found and continue\n", entry.type);
                 return true;
         }
     });

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <utility>
-
 #include "f2fs_ioctl.h"
 #include "log.h"
 #include "snapshot.h"
@@ -30,8 +28,7 @@ bool isUnchanged(const std::string& sourcefilefullpath) {
     return ret == 0 && (check.flag & MODIFY_CHECK_UNCHANGED) != 0;
 }
 
-bool needsSnapshot(const std::string& srcdirpath, const char* name, const std::string& rawdstpath) {
-    const std::string sourcefilefullpath = srcdirpath + "/" + name;
+bool needsSnapshot(const std::string& sourcefilefullpath, const std::string& rawdstpath) {
     const std::string dstsnapshotfilepath = rawdstpath + sourcefilefullpath;
     LOG_INFO("ready to check modify flag for sourcefilefullpath = %s dstsnapshotfilepath = %s\n",
              sourcefilefullpath.c_str(), dstsnapshotfilepath.c_str());
@@ -44,13 +41,13 @@ bool needsSnapshot(const std::string& srcdirpath, const char* name, const std::s
     return !unchanged;
 }
 
-int32_t checkSubdirectory(std::string subdirpath, std::vector<file_info>& modifyfilelist,
+int32_t checkSubdirectory(const std::string& subdirpath, std::vector<file_info>& modifyfilelist,
                           const std::string& rawdstpath) {
     if (subdirpath == rawdstpath) {
         LOG_ERROR("subdirpath %s found same with rawdstpath just continue\n", subdirpath.c_str());
         return 0;
     }
-    return checkModifyFiles(std::move(subdirpath), modifyfilelist, rawdstpath);
+    return checkModifyFiles(subdirpath, modifyfilelist, rawdstpath);
 }
 
 }  // namespace
@@ -58,11 +55,11 @@ int32_t checkSubdirectory(std::string subdirpath, std::vector<file_info>& modify
 int32_t checkModifyFiles(std::string srcdirpath, std::vector<file_info>& modifyfilelist,
                          std::string rawdstpath) {
     int32_t ret = 0;
-    const bool opened = forEachEntry(srcdirpath, [&](const char* name, unsigned char type) {
-        if (type == DT_DIR) {
-            ret = checkSubdirectory(srcdirpath + "/" + name, modifyfilelist, rawdstpath);
-        } else if (type == DT_REG && needsSnapshot(srcdirpath, name, rawdstpath)) {
-            modifyfilelist.push_back({srcdirpath, name});
+    const bool opened = forEachEntry(srcdirpath, [&](const dir_entry& entry) {
+        if (entry.type == DT_DIR) {
+            ret = checkSubdirectory(entry.path, modifyfilelist, rawdstpath);
+        } else if (entry.type == DT_REG && needsSnapshot(entry.path, rawdstpath)) {
+            modifyfilelist.push_back({srcdirpath, entry.name});
         }
         return ret >= 0;  // only a directory that cannot be opened stops the check
     });

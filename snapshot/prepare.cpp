@@ -62,7 +62,7 @@ int32_t prepareOpenFile(const std::string& srcdirpath, const std::string& srcfil
     return layered;
 }
 
-int32_t prepareFile(const std::string& srcdirpath, const std::string& srcfilepath) {
+int32_t openAndPrepare(const std::string& srcdirpath, const std::string& srcfilepath) {
     const int source_file_fd = open(srcfilepath.c_str(), O_RDWR);
     if (source_file_fd < 0) {
         LOG_ERROR("open srcfilepath = %s failed source_file_fd = %d errno = %d\n",
@@ -74,26 +74,29 @@ int32_t prepareFile(const std::string& srcdirpath, const std::string& srcfilepat
     return ret;
 }
 
-}  // namespace
-
-int32_t PreCreateSingleFileSnapshot(std::string srcdirpath, std::string filename) {
-    const std::string srcfilepath = srcdirpath + "/" + filename;
+int32_t prepareFile(const std::string& srcdirpath, const std::string& srcfilepath) {
     LOG_INFO("PreCreateSingleFileSnapshot for file [%s]\n", srcfilepath.c_str());
-    const int32_t ret = prepareFile(srcdirpath, srcfilepath);
+    const int32_t ret = openAndPrepare(srcdirpath, srcfilepath);
     LOG_INFO("PreCreateSingleFileSnapshot done ret = %d\n", ret);
     return ret;
 }
 
+}  // namespace
+
+int32_t PreCreateSingleFileSnapshot(std::string srcdirpath, std::string filename) {
+    return prepareFile(srcdirpath, srcdirpath + "/" + filename);
+}
+
 int32_t PreCreateSingleDirSnapshot(std::string dirpath) {
     int32_t ret = 0;
-    const bool opened = forEachEntry(dirpath, [&](const char* name, unsigned char type) {
+    const bool opened = forEachEntry(dirpath, [&](const dir_entry& entry) {
         // A file stops the walk on any failure, a subdirectory only on a negative one.
-        switch (type) {
+        switch (entry.type) {
             case DT_REG:
-                ret = PreCreateSingleFileSnapshot(dirpath, name);
+                ret = prepareFile(dirpath, entry.path);
                 return ret == 0;
             case DT_DIR:
-                ret = PreCreateSingleDirSnapshot(dirpath + "/" + name);
+                ret = PreCreateSingleDirSnapshot(entry.path);
                 return ret >= 0;
             default:
                 return true;

@@ -34,20 +34,19 @@ int32_t snapshotFile(const std::string& srcdirpath, const char* name,
 int32_t CreateSingleDirSnapshot(std::string srcdirpath, std::string dstdirpath,
                                 std::string rawdstpath) {
     int32_t ret = 0;
-    const bool opened = forEachEntry(srcdirpath, [&](const char* name, unsigned char type) {
-        switch (type) {
+    const bool opened = forEachEntry(srcdirpath, [&](const dir_entry& entry) {
+        switch (entry.type) {
             case DT_DIR:
-                ret = mirrorSubdirectory(srcdirpath + "/" + name, dstdirpath + "/" + name,
-                                         rawdstpath);
+                ret = mirrorSubdirectory(entry.path, dstdirpath + "/" + entry.name, rawdstpath);
                 break;
             case DT_REG:
-                ret = snapshotFile(srcdirpath, name, dstdirpath);
+                ret = snapshotFile(srcdirpath, entry.name, dstdirpath);
                 break;
             case DT_LNK:
-                ret = CreateSingleFileSoftLink(srcdirpath, name, dstdirpath);
+                ret = CreateSingleFileSoftLink(srcdirpath, entry.name, dstdirpath);
                 break;
             default:
-                LOG_ERROR("INVALID file_type = %d return EINVAL\n", type);
+                LOG_ERROR("INVALID file_type = %d return EINVAL\n", entry.type);
                 ret = -EINVAL;  // -22
         }
         return ret == 0;  // a snapshot is whole or it fails: anything nonzero stops every level

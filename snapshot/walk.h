@@ -9,9 +9,15 @@
 
 #include "log.h"
 
-// Calls onEntry(name, type) for each entry of dirpath except "." and "..", in the stream's order;
-// type is the DT_ value that the stream reports. onEntry returns whether to go on: every walk
-// states its own stop rule there.
+// What a walk is told of an entry, valid until the next one.
+struct dir_entry {
+    const std::string& path;  // the directory's path + "/" + name
+    const char* name;
+    unsigned char type;  // the DT_ value that the stream reports
+};
+
+// Calls onEntry(entry) for each entry of dirpath except "." and "..", in the stream's order.
+// onEntry returns whether to go on: every walk states its own stop rule there.
 //
 // Returns false, with a log line, when dirpath cannot be opened. A read error counts as the end.
 template <typename OnEntry>
@@ -21,11 +27,14 @@ bool forEachEntry(const std::string& dirpath, OnEntry onEntry) {
         LOG_ERROR("Failed to open dir %s\n", dirpath.c_str());
         return false;
     }
+    std::string path = dirpath + "/";  // one buffer serves all entries
+    const size_t prefix = path.size();
     while (const dirent* entry = readdir(dir.get())) {
         if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
             continue;
         }
-        if (!onEntry(entry->d_name, entry->d_type)) {
+        path.replace(prefix, std::string::npos, entry->d_name);
+        if (!onEntry(dir_entry{path, entry->d_name, entry->d_type})) {
             break;
         }
     }
