@@ -40,7 +40,8 @@ int32_t mkdirIfMissing(const char* path) {
 }  // namespace
 
 void splitDirsString(const std::string& text, char delimiter, std::vector<std::string>& pieces) {
-    const std::string rest = text;  // text may be one of the pieces, which move as they grow
+    // A copy, since text may be one of the pieces, which move as they grow.
+    const std::string rest = text;  // NOLINT(performance-unnecessary-copy-initialization)
     for (size_t begin = 0, end = 0; begin < rest.size(); begin = end + 1) {
         end = std::min(rest.find(delimiter, begin), rest.size());
         if (end > begin) {
