@@ -66,7 +66,7 @@ int runQuietly(const char* program, const char* option, const char* argument) {
 bool isMountPermitted() {
     return inChild([] {
                const bool done = unshare(CLONE_NEWNS) == 0 &&
-                                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                                 mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
                                  mount("none", "/tmp", "tmpfs", 0, nullptr) == 0;
                return done ? 0 : 1;
            }) == 0;
