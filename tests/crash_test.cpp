@@ -8,33 +8,17 @@
 #include <map>
 #include <set>
 
-#include "emulator_mount.h"
 #include "f2fs_ioctl.h"
 #include "fake_kernel.h"
 #include "snapshot.h"
+#include "tool_on_volume.h"
 #include "tree_gen.h"
 #include "trial.h"
 
 namespace {
 
-class CrashTest : public EmulatedVolume {
+class CrashTest : public ToolOnVolume {
   protected:
-    void SetUp() override {
-        EmulatedVolume::SetUp();
-        if (!IsSkipped() && !HasFatalFailure()) {
-            source = at("source");
-            target = at("target");
-            mirror = target + "/snapshot" + source;
-            makeSource();
-            for (const char* command : {"pre", "create", "destroy"}) {
-                ToolRun run(words(command));
-                while (run.nextLine() != nullptr) {
-                    ++lines_of[command];
-                }
-                ASSERT_EQ(run.wait(), 0) << command;
-            }
-        }
-    }
     void makeSource() {
         fs::remove_all(source);
         fs::create_directories(source + "/folder");
@@ -42,23 +26,21 @@ class CrashTest : public EmulatedVolume {
             write(source + "/folder/" + std::to_string(i), std::string(5000, 'f'));
         }
     }
-    std::vector<std::string> words(const std::string& command) const {
-        std::vector<std::string> given = {command};
-        if (command != "destroy") {
-            given.push_back(source);
+    // Learns how many lines the log of each command has.
+    void measureLogs() {
+        makeSource();
+        for (const char* command : {"pre", "create", "destroy"}) {
+            ToolRun run(commandLine(command));
+            while (run.nextLine() != nullptr) {
+                ++lines_of[command];
+            }
+            ASSERT_EQ(run.wait(), 0) << command;
         }
-        if (command != "pre") {
-            given.push_back(target);
-        }
-        return given;
-    }
-    int run(const std::string& command) const {
-        return ToolRun(words(command)).wait();
     }
     // Strikes at a random line of a command's log, or an instant later.
     template <typename Strike>
     int runUntil(const std::string& command, Strike strike) {
-        ToolRun run(words(command));
+        ToolRun run(commandLine(command));
         for (size_t left = random.below(lines_of[command]); left > 0; --left) {
             run.nextLine();
         }
@@ -69,7 +51,7 @@ class CrashTest : public EmulatedVolume {
     // As if no file had ever been prepared.
     void revokeAll() const {
         for (const auto& entry : fs::recursive_directory_iterator(source)) {
-            if (!entry.is_symlink() && entry.is_regular_file()) {
+            if (fs::is_regular_file(entry.symlink_status())) {
                 const int fd = open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
                 EXPECT_EQ(revokeDedupFile(fd), 0);
                 close(fd);
@@ -78,20 +60,17 @@ class CrashTest : public EmulatedVolume {
     }
     void expectWholeCreate(const std::vector<std::string>& expected) {
         EXPECT_EQ(run("create"), 0);
-        EXPECT_EQ(dump(mirror), expected);
+        EXPECT_EQ(dump(mirror()), expected);
         EXPECT_EQ(dump(source), expected);
-    }
-    void expectDestroy() {
-        EXPECT_EQ(run("destroy"), 0);
-        EXPECT_TRUE(fs::is_empty(target));
+        expectDestroy();
     }
 
     Random random;
-    std::string source, target, mirror;
     std::map<std::string, size_t> lines_of;
 };
 
 TEST_F(CrashTest, TheToolIsKilled) {
+    measureLogs();
     TreeGenerator(random.seed()).fill(source);
     const std::vector<std::string> before = dump(source);
     std::map<std::string, int> killed;
@@ -107,7 +86,6 @@ TEST_F(CrashTest, TheToolIsKilled) {
         killed[command] += status != 0 ? 1 : 0;
         EXPECT_EQ(dump(source), before);
         expectWholeCreate(before);
-        expectDestroy();
     }
     for (const auto& [command, count] : killed) {
         std::cout << command << " killed " << count << " times" << std::endl;
@@ -116,6 +94,7 @@ TEST_F(CrashTest, TheToolIsKilled) {
 }
 
 TEST_F(CrashTest, TheEmulatorIsKilled) {
+    measureLogs();
     const std::string changed = source + "/folder/3";
     int cut_short = 0;
     for (int round = rounds(3, 60); round > 0 && !HasFailure(); --round) {
@@ -139,7 +118,6 @@ TEST_F(CrashTest, TheEmulatorIsKilled) {
         EXPECT_EQ(dump(volume.backing() / "source"), before);
         ASSERT_TRUE(volume.start()) << volume.errors();
         expectWholeCreate(before);
-        expectDestroy();
     }
     std::cout << cut_short << " creates cut short" << std::endl;
     EXPECT_GT(cut_short, 0);
@@ -148,7 +126,7 @@ TEST_F(CrashTest, TheEmulatorIsKilled) {
 // Changes what is in a folder without an end; with `outside`, the folder itself is swapped for a
 // link to there as well. Names are reached from descriptors, so that no link leads this process
 // astray, and every pipe is held open, so that nobody waits for it.
-[[noreturn]] void disturb(const fs::path& folder, const std::string& outside, Random random) {
+int disturb(const fs::path& folder, const std::string& outside, Random random) {
     const size_t pace = 500U << random.below(6);  // microseconds between changes, at most
     const int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
     const int parent = open(folder.parent_path().c_str(), O_RDONLY | O_DIRECTORY);
@@ -208,24 +186,21 @@ TEST_F(CrashTest, Disturbed) {
                 ASSERT_EQ(run("create"), 0);
             }
             random.seed();
-            const pid_t other = fork();
-            if (other == 0) {
-                prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const pid_t other = startChild([&] {
                 // A link in the place of a folder of the snapshot is followed: see SwapTest.
-                disturb((creates ? source : mirror) + "/folder", creates ? outside : "", random);
-            }
+                return disturb((creates ? source : mirror()) + "/folder", creates ? outside : "",
+                               random);
+            });
             const int status = run(command);
-            kill(other, SIGKILL);
-            waitpid(other, nullptr, 0);
+            endChild(other, SIGKILL);
             ++seen[status];
             EXPECT_EQ(results.count(status), 1U) << status;
             EXPECT_EQ(fs::exists(target + "/snapshot"), creates == (status == 0)) << status;
             EXPECT_EQ(dump(outside), outside_before);
             if (!creates && status != 0) {  // what is left is picked up, but pipes
-                for (int i = 0; i < 8; ++i) {
-                    fs::remove(mirror + "/folder/" + std::to_string(i));
+                for (const char* name : {"0", "1", "2", "3", "4", "5", "6", "7", "pipe"}) {
+                    fs::remove(mirror() + "/folder/" + name);
                 }
-                fs::remove(mirror + "/folder/pipe");
                 expectDestroy();
             }
         }
@@ -346,15 +321,14 @@ TEST_F(SwapTest, AFolderSwappedInARace) {
         }
         const int watch = inotify_init1(IN_CLOEXEC);
         ASSERT_GE(inotify_add_watch(watch, at("d/snapshot").c_str(), IN_DELETE), 0);
-        const pid_t swapper = fork();
-        if (swapper == 0) {
+        const pid_t swapper = startChild([&] {
             char event[4096];
             const bool moved = ::read(watch, event, sizeof event) > 0 &&
                                rename(swapped.c_str(), at("aside/it").c_str()) == 0;
-            _exit(moved ? symlink(at("out").c_str(), swapped.c_str()) : 1);
-        }
-        const int status = ToolRun({"destroy", at("d")}).wait();
-        waitpid(swapper, nullptr, 0);
+            return moved ? symlink(at("out").c_str(), swapped.c_str()) : 1;
+        });
+        const int status = runProcess({F2FS_SNAPSHOT_TOOL_PATH, "destroy", at("d")}).status;
+        endChild(swapper);
         close(watch);
         const bool hit = !fs::exists(at("out/f"));
         emptied += hit ? 1 : 0;
@@ -370,17 +344,17 @@ TEST_F(SwapTest, AFolderSwappedInARace) {
 TEST_F(SwapTest, APipeIsWaitedFor) {
     for (const int nth : {1, 2}) {  // in the first creation, in a check pass
         fill();
-        const pid_t writer = fork();
-        if (writer == 0) {
+        const pid_t writer = startChild([&] {
             struct stat opened = {};
-            for (int fd = -1; !S_ISFIFO(opened.st_mode); close(fd)) {
+            while (!S_ISFIFO(opened.st_mode)) {
                 usleep(1000);
-                fd =
-                    open(at("s/f").c_str(), O_WRONLY | O_NONBLOCK);  // fails until it is waited for
+                // Fails until it is waited for.
+                const int fd = open(at("s/f").c_str(), O_WRONLY | O_NONBLOCK);
                 fstat(fd, &opened);
+                close(fd);
             }
-            _exit(0);
-        }
+            return 0;
+        });
         FakeKernel kernel(root);
         kernel.before = [&, seen = 0](const std::string& call) mutable {
             if (call == "open $/s/f O_RDONLY" && ++seen == nth) {
@@ -391,9 +365,7 @@ TEST_F(SwapTest, APipeIsWaitedFor) {
             }
         };
         EXPECT_EQ(kernel.run([&] { return CreateDirSnapshot({at("s")}, at("d")); }), -1);
-        int status = -1;
-        waitpid(writer, &status, 0);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(endChild(writer), 0);
         EXPECT_FALSE(fs::exists(at("d/snapshot")));
     }
 }

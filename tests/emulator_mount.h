@@ -11,10 +11,6 @@
 
 class EmulatorMount {
   public:
-    // Why volumes cannot be mounted here, or nullptr where they can. Found out without the
-    // emulator, so that its own failure to mount is a failure of the test.
-    static const char* unavailableReason();
-
     // Makes the folders. Nothing is mounted before start.
     EmulatorMount();
     ~EmulatorMount();
@@ -22,14 +18,10 @@ class EmulatorMount {
     EmulatorMount& operator=(const EmulatorMount&) = delete;
 
     // Starts the daemon, in front, and waits until it serves. False: it did not; errors() tells.
-    bool start(const std::vector<std::string>& options = {});
-    // Sends a signal to the daemon and waits for its end. Returns its exit status, 128 + the signal
-    // that killed it, or -1 when it had to be killed after ten seconds.
+    bool start();
+    // Sends a signal (0: none) to the daemon, if any, and waits for its end. Returns its exit
+    // status, 128 + the signal that killed it, or -1 when it had to be killed after a minute.
     int stop(int signal);
-    // Waits for an end that comes on its own.
-    int waitForEnd();
-    // Ends the daemon properly and starts another one on the same folder.
-    bool remount();
     // Ends it without a chance to do anything, and frees the mount point.
     void kill9();
 
@@ -50,7 +42,6 @@ class EmulatorMount {
 
   private:
     std::filesystem::path root_;
-    std::vector<std::string> options_;
     pid_t pid_ = -1;
 };
 

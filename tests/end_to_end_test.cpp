@@ -1,83 +1,39 @@
 // The real tool and library on a mounted emulator.
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <map>
-#include <set>
 #include <sstream>
 
-#include "emulator_mount.h"
-#include "process.h"
+#include "tool_on_volume.h"
 #include "tree_gen.h"
 
 namespace {
 
-class EndToEndTest : public EmulatedVolume {
-  protected:
-    void SetUp() override {
-        EmulatedVolume::SetUp();
-        if (IsSkipped() || HasFatalFailure()) {
-            return;
-        }
-        source = at("source");
-        target = at("target");
-        fs::create_directory(source);
-    }
-    Outcome tool(const std::vector<std::string>& arguments) {
-        std::vector<std::string> command = {F2FS_SNAPSHOT_TOOL_PATH};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        return runProcess(command);
-    }
-    // The tool's verdict, with the log for a failed comparison.
-    int status(const std::vector<std::string>& arguments) {
-        const Outcome outcome = tool(arguments);
-        EXPECT_EQ(outcome.out == "execute sucess\n", outcome.status == 0) << outcome.out;
-        last_log = outcome.err;
-        return outcome.status;
-    }
-    std::string mirror() const {
-        return target + "/snapshot" + source;
-    }
-
-    std::string source;
-    std::string target;
-    std::string last_log;
-};
+using EndToEndTest = ToolOnVolume;
 
 TEST_F(EndToEndTest, ATreeOfEveryKindOfEntry) {
-    const std::string names[] = {"a b",      " ",   "new\nline",          "semi;colon",
-                                 "\xFF\xFE", "...", std::string(255, 'n')};
-    for (const std::string& name : names) {
-        fs::create_directory(source + "/" + name);
-        write(source + "/" + name + "/" + name, "content of " + name);
-    }
+    TreeGenerator(1).fill(source);
+    // Besides what the generator makes: it lacks letters of these names.
     write(source + "/empty", "");
-    fs::create_symlink("nowhere", source + "/dangling");
-    fs::create_symlink(source + "/empty", source + "/absolute");
-    fs::create_directory_symlink("a b", source + "/folder link");
+    fs::create_directory(source + "/folder");
+    write(source + "/folder/file", "content");
+    fs::create_symlink(source + "/empty", source + "/link to a file");
+    fs::create_directory_symlink("folder", source + "/link to a folder");
     fs::create_symlink(std::string(4095, 'x'), source + "/longest link");
-    fs::path deep = source;
-    for (int level = 0; level < 60; ++level) {
-        deep /= "level " + std::to_string(level);
-    }
-    fs::create_directories(deep);
-    write(deep / "bottom", "deep");
 
     const std::vector<std::string> before = dump(source);
-    ASSERT_EQ(status({"pre", source}), 0) << last_log;
-    ASSERT_EQ(status({"create", source, target}), 0) << last_log;
+    ASSERT_EQ(run("pre"), 0) << log;
+    ASSERT_EQ(run("create"), 0) << log;
     EXPECT_EQ(dump(mirror()), before);
     EXPECT_EQ(dump(source), before);
     EXPECT_EQ(modeOf(mirror() + "/empty"), 0440);
 
     write(source + "/empty", "no longer");
-    fs::remove_all(source + "/a b");
+    fs::remove_all(source + "/folder");
     EXPECT_EQ(dump(mirror()), before) << "the snapshot does not follow the source";
-    ASSERT_EQ(status({"destroy", target}), 0) << last_log;
-    EXPECT_TRUE(fs::is_empty(target));
-    EXPECT_EQ(status({"destroy", target}), 254);
+    expectDestroy();
+    EXPECT_EQ(run("destroy"), 254);
 }
 
 TEST_F(EndToEndTest, ATargetInsideItsSource) {
@@ -85,16 +41,16 @@ TEST_F(EndToEndTest, ATargetInsideItsSource) {
     target = source + "/target";
     const std::string file = dump(source)[0];
     for (int round = 0; round < 2; ++round) {
-        ASSERT_EQ(status({"create", source, target}), 0) << last_log;
+        ASSERT_EQ(run("create"), 0) << log;
         EXPECT_EQ(dump(mirror()), (std::vector<std::string>{"dir target", file}));
     }
 }
 
 TEST_F(EndToEndTest, WhatASnapshotDoesNotTake) {
     ASSERT_EQ(mkfifo((source + "/pipe").c_str(), 0600), 0);
-    EXPECT_EQ(status({"pre", source}), 0) << last_log;
-    EXPECT_EQ(status({"create", source, target}), 234);
-    EXPECT_NE(last_log.find("INVALID file_type = 1 return EINVAL\n"), std::string::npos);
+    EXPECT_EQ(run("pre"), 0) << log;
+    EXPECT_EQ(run("create"), 234);
+    EXPECT_NE(log.find("INVALID file_type = 1 return EINVAL\n"), std::string::npos);
     EXPECT_TRUE(fs::is_empty(target)) << "the root is removed again";
     fs::remove(source + "/pipe");
 
@@ -103,10 +59,10 @@ TEST_F(EndToEndTest, WhatASnapshotDoesNotTake) {
         {3ULL << 30, 255}, {4ULL << 30, 255}, {5ULL << 30, 0}};
     for (const auto& [size, expected] : sizes) {
         fs::resize_file(source + "/big", size);
-        EXPECT_EQ(status({"create", source, target}), expected) << size;
-        EXPECT_EQ(last_log.find("fallocate failed dstfilepath = " + mirror() + "/big") !=
-                      std::string::npos,
-                  expected != 0);
+        EXPECT_EQ(run("create"), expected) << size;
+        EXPECT_EQ(
+            log.find("fallocate failed dstfilepath = " + mirror() + "/big") != std::string::npos,
+            expected != 0);
         EXPECT_EQ(fs::is_empty(target), expected != 0);
     }
     EXPECT_EQ(fs::file_size(mirror() + "/big"), 5ULL << 30);
@@ -116,49 +72,43 @@ TEST_F(EndToEndTest, WhatASnapshotDoesNotTake) {
     EXPECT_EQ(head, std::string("head\0", 5));
 }
 
-void fillWithFiles(const std::string& source, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
+TEST_F(EndToEndTest, ManyFiles) {
+    const int count = std::getenv("F2FS_SNAPSHOT_LONG") != nullptr ? 100'000 : 10'000;
+    for (int i = 0; i < count; ++i) {
         const std::string folder = source + "/folder " + std::to_string(i / 100);
-        if (i % 100 == 0) {
-            fs::create_directory(folder);
-        }
+        fs::create_directory(folder);
         write(folder + "/" + std::to_string(i), std::string(8192, static_cast<char>('a' + i % 26)));
     }
-}
-
-TEST_F(EndToEndTest, ManyFiles) {
-    const bool long_form = std::getenv("F2FS_SNAPSHOT_LONG") != nullptr;
-    fillWithFiles(source, long_form ? 100'000 : 10'000);
-    EXPECT_EQ(status({"pre", source}), 0);
-    EXPECT_EQ(status({"create", source, target}), 0);
+    EXPECT_EQ(run("pre"), 0);
+    EXPECT_EQ(run("create"), 0);
     EXPECT_EQ(dump(mirror()), dump(source));
-    EXPECT_EQ(status({"destroy", target}), 0);
-    EXPECT_TRUE(fs::is_empty(target));
+    expectDestroy();
 }
 
-// The system calls of a run by name, as `strace -f -c` counts them. Left out are the log's own
+// Adds the system calls of a run, times `sign`, to the counts by name. Left out are the log's own
 // calls, and those that come once for many files.
-std::map<std::string, long> countCalls(const std::vector<std::string>& command,
-                                       const std::string& summary) {
-    std::vector<std::string> traced = {"strace", "-f", "-c", "-o", summary};
+void addCalls(const std::vector<std::string>& command, int sign,
+              std::map<std::string, long>& counts) {
+    std::vector<std::string> traced = {
+        "strace",
+        "-f",
+        "-c",
+        "-U",
+        "calls,name",
+        "-e",
+        "trace=!write,writev,getpid,gettid,brk,mmap,munmap,clock_gettime,getdents64"};
     traced.insert(traced.end(), command.begin(), command.end());
-    EXPECT_EQ(runProcess(traced).status, 0);
-    const std::set<std::string> left_out = {"write",  "writev", "getpid",        "gettid",
-                                            "brk",    "mmap",   "clock_gettime", "getdents64",
-                                            "munmap", "total"};
-    std::map<std::string, long> counts;
-    std::ifstream lines(summary);
+    const Outcome outcome = runProcess(traced);
+    EXPECT_EQ(outcome.status, 0);
+    std::istringstream lines(outcome.err.substr(outcome.err.rfind("calls syscall")));
     for (std::string line; std::getline(lines, line);) {
-        // share, seconds, microseconds per call, calls, errors (or nothing), name
         std::istringstream fields(line);
-        std::string field[5], name;
-        fields >> field[0] >> field[1] >> field[2] >> field[3] >> field[4];
-        name = fields >> name ? name : field[4];
-        if (!field[3].empty() && isdigit(field[3][0]) != 0 && left_out.count(name) == 0) {
-            counts[name.find("stat") != std::string::npos ? "stat" : name] += std::stol(field[3]);
+        long calls = 0;
+        std::string name;
+        if (fields >> calls >> name && name != "total") {
+            counts[name.find("stat") != std::string::npos ? "stat" : name] += sign * calls;
         }
     }
-    return counts;
 }
 
 TEST_F(EndToEndTest, NoCallMoreThanNamed) {
@@ -168,7 +118,6 @@ TEST_F(EndToEndTest, NoCallMoreThanNamed) {
     if (std::system("strace -o /dev/null true 2>/dev/null") != 0) {
         GTEST_SKIP() << "strace is missing or not permitted";
     }
-    const std::string tool_path = F2FS_SNAPSHOT_TOOL_PATH;
     const struct {
         const char* command;
         bool prepared;
@@ -191,23 +140,9 @@ TEST_F(EndToEndTest, NoCallMoreThanNamed) {
             for (int i = 0; i < count; ++i) {
                 write(source + "/" + std::to_string(i), row.content);
             }
-            const bool destroys = row.command == std::string("destroy");
-            if (row.prepared) {
-                ASSERT_EQ(status({"pre", source}), 0);
-            }
-            if (destroys) {
-                ASSERT_EQ(status({"create", source, target}), 0);
-            }
-            std::vector<std::string> command = {tool_path, row.command};
-            if (!destroys) {
-                command.push_back(source);
-            }
-            if (row.command != std::string("pre")) {
-                command.push_back(target);
-            }
-            for (const auto& [name, calls] : countCalls(command, volume.root() / "summary")) {
-                difference[name] += count == 50 ? -calls : calls;
-            }
+            ASSERT_EQ(row.prepared ? run("pre") : 0, 0);
+            ASSERT_EQ(row.command == std::string("destroy") ? run("create") : 0, 0);
+            addCalls(commandLine(row.command), count == 50 ? -1 : 1, difference);
             fs::remove_all(target);
         }
         std::string calls;

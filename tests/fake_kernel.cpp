@@ -17,8 +17,6 @@
 
 namespace {
 
-FakeKernel* active = nullptr;
-
 constexpr int FIRST_DESCRIPTOR = 100;
 constexpr size_t MODELLED_BYTES = 1 << 16;  // of a file's content; beyond it only the size counts
 
@@ -30,13 +28,13 @@ Function real(const char* name, bool large_file_variant = false) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, symbol.c_str()));
 }
 
-std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 std::string vformat(const char* text, va_list arguments) {
     char buffer[16384];
     vsnprintf(buffer, sizeof buffer, text, arguments);
     return buffer;
 }
-std::string format(const char* text, ...) {
+
+[[gnu::format(printf, 1, 2)]] std::string format(const char* text, ...) {
     va_list arguments;
     va_start(arguments, text);
     std::string result = vformat(text, arguments);
@@ -65,60 +63,39 @@ std::string content(int fd) {
     return text;
 }
 
-off_t sizeOf(int fd) {
-    struct stat file_stat = {};
-    fstat(fd, &file_stat);
-    return file_stat.st_size;
-}
-
 void copyContent(int source_fd, int destination_fd) {
     const std::string text = content(source_fd);
-    const bool copied =
-        ftruncate(destination_fd, 0) == 0 &&
-        pwrite(destination_fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
-        ftruncate(destination_fd, sizeOf(source_fd)) == 0;
+    const auto size = static_cast<ssize_t>(text.size());
+    struct stat source = {};
+    const bool copied = fstat(source_fd, &source) == 0 && ftruncate(destination_fd, 0) == 0 &&
+                        pwrite(destination_fd, text.data(), text.size(), 0) == size &&
+                        ftruncate(destination_fd, source.st_size) == 0;
     if (!copied) {
         perror("fake kernel: copy");
     }
 }
 
 std::string nameOf(unsigned long code) {
-    switch (code) {
-        case F2FS_IOC_DEDUP_REVOKE:
-            return "DEDUP_REVOKE";
-        case F2FS_IOC_DEDUP_GET_FILE_INFO:
-            return "DEDUP_GET_FILE_INFO";
-        case F2FS_IOC_CLONE_FILE:
-            return "CLONE_FILE";
-        case F2FS_IOC_MODIFY_CHECK:
-            return "MODIFY_CHECK";
-        case F2FS_IOC_SNAPSHOT_CREATE:
-            return "SNAPSHOT_CREATE";
-        case F2FS_IOC_SNAPSHOT_PREPARE:
-            return "SNAPSHOT_PREPARE";
-        default:
-            return format("%#lx", code);
-    }
+    const std::map<unsigned long, const char*> names = {
+        {F2FS_IOC_DEDUP_REVOKE, "DEDUP_REVOKE"},
+        {F2FS_IOC_DEDUP_GET_FILE_INFO, "DEDUP_GET_FILE_INFO"},
+        {F2FS_IOC_CLONE_FILE, "CLONE_FILE"},
+        {F2FS_IOC_MODIFY_CHECK, "MODIFY_CHECK"},
+        {F2FS_IOC_SNAPSHOT_CREATE, "SNAPSHOT_CREATE"},
+        {F2FS_IOC_SNAPSHOT_PREPARE, "SNAPSHOT_PREPARE"},
+    };
+    return names.count(code) != 0 ? names.at(code) : format("%#lx", code);
 }
 
 }  // namespace
 
-void FakeKernel::switchOn(bool on) {
-    active = on ? this : nullptr;
-}
-
-std::string FakeKernel::text() const {
+std::string FakeKernel::text(const std::vector<std::string>& beginnings) const {
     std::string text;
     for (const std::string& line : trace) {
-        text += line + "\n";
-    }
-    return text;
-}
-
-std::string FakeKernel::log() const {
-    std::string text;
-    for (const std::string& line : trace) {
-        text += line[1] == ' ' ? line + "\n" : "";
+        const bool wanted =
+            std::any_of(beginnings.begin(), beginnings.end(),
+                        [&](const std::string& begin) { return line.rfind(begin, 0) == 0; });
+        text += wanted ? line + "\n" : "";
     }
     return text;
 }
@@ -142,9 +119,9 @@ std::optional<int> FakeKernel::intercept(const std::string& call, void* record) 
     ++calls;
     const std::string line = shown(call);
     if (before) {
-        switchOn(false);
+        active = nullptr;
         before(line);
-        switchOn(true);
+        active = this;
     }
     std::optional<Answer> given;
     for (Scripted& scripted : script_) {
@@ -182,27 +159,22 @@ FakeKernel::File& FakeKernel::file(int fd) {
 }
 
 int FakeKernel::model(int fd, const std::string& name, void* record) {
+    File& state = file(fd);
     if (name == "DEDUP_GET_FILE_INFO") {
-        auto* info = static_cast<dedup_file_info*>(record);
-        *info = {file(fd).is_deduped, file(fd).is_layered, 0xDEADBEEF};
+        *static_cast<dedup_file_info*>(record) = {0, state.is_layered, 0xDEADBEEF};
     } else if (name == "MODIFY_CHECK") {
         auto* check = static_cast<modify_check_info*>(record);
         if (check->mode == MODIFY_CHECK_SET) {
-            file(fd).flag = check->flag;
-            file(fd).marked_content = content(fd);
-        } else if (content(fd) == file(fd).marked_content) {
-            check->flag = file(fd).flag;
+            state.flag = check->flag;
+            state.marked_content = content(fd);
         } else {
-            check->flag = file(fd).flag & ~MODIFY_CHECK_UNCHANGED;
+            const bool unchanged = content(fd) == state.marked_content;
+            check->flag = unchanged ? state.flag : state.flag & ~MODIFY_CHECK_UNCHANGED;
         }
-    } else if (name == "CLONE_FILE") {
-        copyContent(static_cast<clone_file_info*>(record)->source_fd, fd);
     } else if (name == "SNAPSHOT_PREPARE") {
-        file(fd).is_layered = 1;
-    } else if (name == "SNAPSHOT_CREATE") {
-        copyContent(static_cast<snapshot_create_info*>(record)->source_fd, fd);
-    } else if (name == "DEDUP_REVOKE") {
-        file(fd).is_layered = file(fd).is_deduped = 0;
+        state.is_layered = 1;
+    } else if (name == "CLONE_FILE" || name == "SNAPSHOT_CREATE") {
+        copyContent(*static_cast<const int32_t*>(record), fd);  // their first word is the source
     }
     return 0;
 }
@@ -218,16 +190,25 @@ int FakeKernel::request(int fd, unsigned long code, void* record) {
 
 namespace {
 
-// Answers a call from the active fake's script, or by the real call.
-template <typename Real>
-int through(const std::string& call, Real real_call) {
-    const std::optional<int> result = active->intercept(call);
-    return result ? *result : active->note(call, static_cast<int>(real_call()));
+// Answers a call, whose trace line is formatted from text, by the script or by the real call.
+template <typename Real, typename... Arguments>
+int through(Real real_call, const char* text, Arguments... arguments) {
+    FakeKernel* kernel = FakeKernel::active;
+    if (kernel == nullptr) {
+        return static_cast<int>(real_call());
+    }
+    const std::string call = format(text, arguments...);
+    const std::optional<int> result = kernel->intercept(call);
+    return result ? *result : kernel->note(call, static_cast<int>(real_call()));
+}
+
+int realClose(int fd) {
+    static const auto real_close = real<int (*)(int)>("close");
+    return real_close(fd);
 }
 
 }  // namespace
 
-// The calls themselves. Without an active fake they are the C library's.
 extern "C" {
 
 int __android_log_print(int priority, const char* tag, const char* text, ...) {
@@ -235,13 +216,12 @@ int __android_log_print(int priority, const char* tag, const char* text, ...) {
     va_start(arguments, text);
     const std::string line = vformat(text, arguments);
     va_end(arguments);
-    if (active != nullptr) {
-        const bool known = priority == ANDROID_LOG_INFO || priority == ANDROID_LOG_ERROR;
+    if (FakeKernel::active != nullptr) {
         const bool tagged = strcmp(tag, "f2fs_snapshot_native") == 0;
-        active->trace.push_back((!known || !tagged              ? "? "
-                                 : priority == ANDROID_LOG_INFO ? "I "
-                                                                : "E ") +
-                                active->shown(line));
+        const char* kind = tagged && priority == ANDROID_LOG_INFO    ? "I "
+                           : tagged && priority == ANDROID_LOG_ERROR ? "E "
+                                                                     : "? ";
+        FakeKernel::active->trace.push_back(kind + FakeKernel::active->shown(line));
     }
     errno = EIDRM;  // a log may change errno: what the library reports it must have read before
     return 1;
@@ -253,7 +233,8 @@ int ioctl(int fd, unsigned long code, ...) noexcept {
     void* record = va_arg(arguments, void*);
     va_end(arguments);
     static const auto real_ioctl = real<int (*)(int, unsigned long, ...)>("ioctl");
-    return active == nullptr ? real_ioctl(fd, code, record) : active->request(fd, code, record);
+    FakeKernel* kernel = FakeKernel::active;
+    return kernel == nullptr ? real_ioctl(fd, code, record) : kernel->request(fd, code, record);
 }
 
 int open(const char* path, int flags, ...) {
@@ -265,99 +246,83 @@ int open(const char* path, int flags, ...) {
         va_end(arguments);
     }
     static const auto real_open = real<int (*)(const char*, int, ...)>("open", true);
-    static const auto real_close = real<int (*)(int)>("close");
-    if (active == nullptr) {
-        return real_open(path, flags, mode);
-    }
-    return through(format("open %s ", path) + openFlags(flags, mode), [&] {
+    const auto call = [&] {
         const int fd = real_open(path, flags, mode);
-        if (fd < 0) {
+        if (fd < 0 || FakeKernel::active == nullptr) {
             return fd;
         }
         const int moved = fcntl(fd, F_DUPFD, FIRST_DESCRIPTOR);
-        real_close(fd);
-        active->descriptors_.insert(moved);
+        realClose(fd);
+        FakeKernel::active->descriptors_.insert(moved);
         return moved;
-    });
+    };
+    return through(call, "open %s %s", path, openFlags(flags, mode).c_str());
 }
 
 int close(int fd) {
-    static const auto real_close = real<int (*)(int)>("close");
-    if (active == nullptr || active->descriptors_.erase(fd) == 0) {
-        return real_close(fd);
+    const int result = realClose(fd);  // Linux gives the descriptor up whatever it returns
+    if (FakeKernel::active == nullptr || FakeKernel::active->descriptors_.erase(fd) == 0) {
+        return result;
     }
-    const int result = real_close(fd);  // Linux gives the descriptor up whatever it returns
-    return through(format("close %d", fd), [&] { return result; });
+    return through([=] { return result; }, "close %d", fd);
 }
 
 int stat(const char* path, struct stat* file_stat) noexcept {
     static const auto real_stat = real<int (*)(const char*, struct stat*)>("stat", true);
-    const auto call = [&] { return real_stat(path, file_stat); };
-    return active == nullptr ? call() : through(format("stat %s", path), call);
+    return through([=] { return real_stat(path, file_stat); }, "stat %s", path);
 }
 
 int fallocate(int fd, int mode, off_t offset, off_t length) {
     static const auto real_fallocate = real<int (*)(int, int, off_t, off_t)>("fallocate", true);
-    const auto call = [&] { return real_fallocate(fd, mode, offset, length); };
-    return active == nullptr
-               ? call()
-               : through(format("fallocate %d %d %lld %lld", fd, mode,
-                                static_cast<long long>(offset), static_cast<long long>(length)),
-                         call);
+    return through([=] { return real_fallocate(fd, mode, offset, length); },
+                   "fallocate %d %d %lld %lld", fd, mode, static_cast<long long>(offset),
+                   static_cast<long long>(length));
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {
     static const auto real_mkdir = real<int (*)(const char*, mode_t)>("mkdir");
-    const auto call = [&] { return real_mkdir(path, mode); };
-    return active == nullptr
-               ? call()
-               : through(format("mkdir %s %04o", path, static_cast<unsigned>(mode)), call);
+    return through([=] { return real_mkdir(path, mode); }, "mkdir %s %04o", path, mode);
 }
 
 int rmdir(const char* path) noexcept {
     static const auto real_rmdir = real<int (*)(const char*)>("rmdir");
-    const auto call = [&] { return real_rmdir(path); };
-    return active == nullptr ? call() : through(format("rmdir %s", path), call);
+    return through([=] { return real_rmdir(path); }, "rmdir %s", path);
 }
 
 int unlink(const char* path) noexcept {
     static const auto real_unlink = real<int (*)(const char*)>("unlink");
-    const auto call = [&] { return real_unlink(path); };
-    return active == nullptr ? call() : through(format("unlink %s", path), call);
+    return through([=] { return real_unlink(path); }, "unlink %s", path);
 }
 
 ssize_t readlink(const char* path, char* text, size_t size) noexcept {
     static const auto real_readlink = real<ssize_t (*)(const char*, char*, size_t)>("readlink");
-    const auto call = [&] { return real_readlink(path, text, size); };
-    return active == nullptr ? call() : through(format("readlink %s %zu", path, size), call);
+    return through([=] { return real_readlink(path, text, size); }, "readlink %s %zu", path, size);
 }
 
 int symlink(const char* text, const char* path) noexcept {
     static const auto real_symlink = real<int (*)(const char*, const char*)>("symlink");
-    const auto call = [&] { return real_symlink(text, path); };
-    return active == nullptr ? call() : through(format("symlink %s %s", text, path), call);
+    return through([=] { return real_symlink(text, path); }, "symlink %s %s", text, path);
 }
 
 DIR* opendir(const char* path) {
     static const auto real_opendir = real<DIR* (*)(const char*)>("opendir");
     static const auto real_readdir = real<dirent* (*)(DIR*)>("readdir", true);
-    if (active == nullptr) {
-        return real_opendir(path);
-    }
     DIR* dir = nullptr;
-    through(format("opendir %s", path), [&] {
+    const auto call = [&] {
         dir = real_opendir(path);
         return dir == nullptr ? -1 : 0;
-    });
-    if (dir == nullptr) {
-        return nullptr;
+    };
+    through(call, "opendir %s", path);
+    FakeKernel* kernel = FakeKernel::active;
+    if (dir == nullptr || kernel == nullptr) {
+        return dir;
     }
-    std::vector<dirent>& entries = active->streams_[dir].entries;
+    std::vector<dirent>& entries = kernel->streams_[dir].entries;
     while (const dirent* entry = real_readdir(dir)) {
         dirent copy = {};
         memcpy(&copy, entry, std::min<size_t>(sizeof copy, entry->d_reclen));
-        const auto type = active->types.find(copy.d_name);
-        copy.d_type = type == active->types.end() ? copy.d_type : type->second;
+        const auto type = kernel->types.find(copy.d_name);
+        copy.d_type = type == kernel->types.end() ? copy.d_type : type->second;
         entries.push_back(copy);
     }
     std::sort(entries.begin(), entries.end(),
@@ -367,23 +332,24 @@ DIR* opendir(const char* path) {
 
 dirent* readdir(DIR* dir) {
     static const auto real_readdir = real<dirent* (*)(DIR*)>("readdir", true);
-    if (active == nullptr || active->streams_.count(dir) == 0) {
+    FakeKernel* kernel = FakeKernel::active;
+    if (kernel == nullptr || kernel->streams_.count(dir) == 0) {
         return real_readdir(dir);
     }
-    if (active->intercept("readdir")) {
+    if (kernel->intercept("readdir")) {
         return nullptr;
     }
-    FakeKernel::Stream& stream = active->streams_[dir];
+    FakeKernel::Stream& stream = kernel->streams_[dir];
     return stream.next < stream.entries.size() ? &stream.entries[stream.next++] : nullptr;
 }
 
 int closedir(DIR* dir) {
     static const auto real_closedir = real<int (*)(DIR*)>("closedir");
-    if (active == nullptr || active->streams_.erase(dir) == 0) {
-        return real_closedir(dir);
-    }
     const int result = real_closedir(dir);
-    return through("closedir", [&] { return result; });
+    if (FakeKernel::active == nullptr || FakeKernel::active->streams_.erase(dir) == 0) {
+        return result;
+    }
+    return through([=] { return result; }, "%s", "closedir");
 }
 
 }  // extern "C"

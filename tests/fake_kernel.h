@@ -28,9 +28,9 @@ class FakeKernel {
     auto run(Operation operation) {
         trace.clear();
         calls = 0;
-        switchOn(true);
+        active = this;
         auto result = operation();
-        switchOn(false);
+        active = nullptr;
         return result;
     }
 
@@ -58,16 +58,20 @@ class FakeKernel {
 
     // "open $/a O_RDWR = 100", "I text", "E text", ... with newlines in a text shown as \n.
     std::vector<std::string> trace;
-    size_t calls = 0;          // calls of the last run; log lines are none
-    size_t faults = 0;         // calls that a fault has failed
-    std::string text() const;  // the trace, a line each
-    std::string log() const;   // its log lines only
+    size_t calls = 0;   // calls of the last run; log lines are none
+    size_t faults = 0;  // calls that a fault has failed
+    // The trace's lines with one of the beginnings; without any, all of them.
+    std::string text(const std::vector<std::string>& beginnings = {""}) const;
+    std::string log() const {
+        return text({"I ", "E ", "? "});
+    }
     // What the library opened and has not closed.
     size_t openDescriptors() const {
         return descriptors_.size() + streams_.size();
     }
 
-    // For the interposed calls.
+    // For the interposed calls, which are the C library's while no fake is active.
+    inline static FakeKernel* active = nullptr;
     std::string shown(std::string text) const;
     std::optional<int> intercept(const std::string& call, void* record = nullptr);
     int note(const std::string& call, int result);
@@ -81,15 +85,12 @@ class FakeKernel {
 
   private:
     struct File {
-        int16_t is_deduped = 0;
         int16_t is_layered = 0;
         uint32_t flag = 0;
         std::string marked_content;
     };
     File& file(int fd);
     int model(int fd, const std::string& name, void* record);
-
-    void switchOn(bool on);
 
     std::string root_;
     struct Scripted {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -14,17 +15,16 @@ inline std::vector<std::string> dump(const fs::path& top) {
     std::vector<std::string> lines;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top)) {
         const std::string path = entry.path().lexically_relative(top).string();
-        if (entry.is_symlink()) {
+        // Asked for as it is: a link can lead to itself, where its target's type is an error.
+        const fs::file_type type = entry.symlink_status().type();
+        if (type == fs::file_type::symlink) {
             lines.push_back("link " + path + " -> " + fs::read_symlink(entry).string());
-        } else if (entry.is_directory()) {
+        } else if (type == fs::file_type::directory) {
             lines.push_back("dir " + path);
-        } else if (entry.is_regular_file()) {
-            uint64_t hash = 0xCBF29CE484222325;  // FNV-1a
-            for (const char byte : read(entry.path())) {
-                hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3;
-            }
-            lines.push_back("file " + path + " " + std::to_string(entry.file_size()) + " " +
-                            std::to_string(hash));
+        } else if (type == fs::file_type::regular) {
+            const std::string content = read(entry);
+            lines.push_back("file " + path + " " + std::to_string(content.size()) + " " +
+                            std::to_string(std::hash<std::string>()(content)));
         } else {
             lines.push_back("other " + path);
         }

@@ -4,18 +4,13 @@
 // F2FS_SNAPSHOT_SEED=N repeats a run's choices, F2FS_SNAPSHOT_LONG=1 runs the long form.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <iostream>
 #include <random>
-#include <string>
-#include <vector>
+#include <utility>
+
+#include "process.h"
 
 inline int rounds(int in_short, int in_long) {
     return getenv("F2FS_SNAPSHOT_LONG") != nullptr ? in_long : in_short;
@@ -43,32 +38,19 @@ class Random {
 
 class ToolRun {
   public:
-    explicit ToolRun(const std::vector<std::string>& arguments) {
+    explicit ToolRun(const std::vector<std::string>& command_line) {
         int ends[2] = {-1, -1};
-        if (pipe2(ends, O_CLOEXEC) != 0) {
-            return;
+        if (pipe2(ends, O_CLOEXEC) == 0) {
+            const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+            pid = startProcess(command_line, null, ends[1]);
+            close(null);
+            close(ends[1]);
+            log_ = fdopen(ends[0], "r");
         }
-        std::vector<char*> argv = {const_cast<char*>(F2FS_SNAPSHOT_TOOL_PATH)};
-        for (const std::string& argument : arguments) {
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        }
-        argv.push_back(nullptr);
-        pid = fork();
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            alarm(300);  // who waits for ever shall fail the test, not block it
-            dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-            dup2(ends[1], STDERR_FILENO);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(ends[1]);
-        log_ = fdopen(ends[0], "r");
     }
     ~ToolRun() {
         if (pid > 0) {
-            kill(pid, SIGKILL);
-            wait();
+            endChild(pid, SIGKILL);
         }
         free(line_);
         fclose(log_);
@@ -87,10 +69,7 @@ class ToolRun {
     int wait() {
         while (nextLine() != nullptr) {
         }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return endChild(std::exchange(pid, -1));
     }
 
     pid_t pid = -1;

@@ -1,0 +1,44 @@
+// A test of the real tool on a mounted volume.
+#pragma once
+
+#include "emulator_mount.h"
+#include "process.h"
+#include "test_tree.h"
+
+// The source is an empty folder at first, the target does not exist.
+class ToolOnVolume : public EmulatedVolume {
+  protected:
+    ToolOnVolume() {
+        fs::create_directory(volume.backing() / "source");
+    }
+    // The command line for pre, create or destroy with source and target.
+    std::vector<std::string> commandLine(const std::string& command) const {
+        std::vector<std::string> words = {F2FS_SNAPSHOT_TOOL_PATH, command};
+        if (command != "destroy") {
+            words.push_back(source);
+        }
+        if (command != "pre") {
+            words.push_back(target);
+        }
+        return words;
+    }
+    // Runs it. Returns its exit status and keeps its log.
+    int run(const std::string& command) {
+        const Outcome outcome = runProcess(commandLine(command));
+        log = outcome.err;
+        EXPECT_EQ(outcome.out == "execute sucess\n", outcome.status == 0) << outcome.out << log;
+        return outcome.status;
+    }
+    void expectDestroy() {
+        EXPECT_EQ(run("destroy"), 0) << log;
+        EXPECT_TRUE(fs::is_empty(target));
+    }
+    // Where the source's snapshot is.
+    std::string mirror() const {
+        return target + "/snapshot" + source;
+    }
+
+    std::string source = at("source");
+    std::string target = at("target");
+    std::string log;
+};
