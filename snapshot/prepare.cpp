@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "f2fs_ioctl.h"
+#include "files.h"
 #include "log.h"
 #include "paths.h"
 #include "snapshot.h"
@@ -74,14 +75,14 @@ int32_t openAndPrepare(const std::string& srcdirpath, const std::string& srcfile
     return ret;
 }
 
+}  // namespace
+
 int32_t prepareFile(const std::string& srcdirpath, const std::string& srcfilepath) {
     LOG_INFO("PreCreateSingleFileSnapshot for file [%s]\n", srcfilepath.c_str());
     const int32_t ret = openAndPrepare(srcdirpath, srcfilepath);
     LOG_INFO("PreCreateSingleFileSnapshot done ret = %d\n", ret);
     return ret;
 }
-
-}  // namespace
 
 int32_t PreCreateSingleFileSnapshot(std::string srcdirpath, std::string filename) {
     return prepareFile(srcdirpath, srcdirpath + "/" + filename);

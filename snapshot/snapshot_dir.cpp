@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <sys/stat.h>
 
+#include "files.h"
 #include "log.h"
 #include "snapshot.h"
 #include "walk.h"
@@ -23,10 +24,10 @@ int32_t mirrorSubdirectory(const std::string& subdirpath, const std::string& mir
     return CreateSingleDirSnapshot(subdirpath, mirrordirpath, rawdstpath);
 }
 
-int32_t snapshotFile(const std::string& srcdirpath, const char* name,
-                     const std::string& dstdirpath) {
-    const int32_t ret = PreCreateSingleFileSnapshot(srcdirpath, name);
-    return ret != 0 ? ret : CreateSingleFileSnapshot(srcdirpath, name, dstdirpath);
+int32_t mirrorFile(const std::string& srcdirpath, const std::string& srcfilepath,
+                   const std::string& dstfilepath) {
+    const int32_t ret = prepareFile(srcdirpath, srcfilepath);
+    return ret != 0 ? ret : snapshotFile(srcfilepath, dstfilepath);
 }
 
 }  // namespace
@@ -40,7 +41,7 @@ int32_t CreateSingleDirSnapshot(std::string srcdirpath, std::string dstdirpath,
                 ret = mirrorSubdirectory(entry.path, dstdirpath + "/" + entry.name, rawdstpath);
                 break;
             case DT_REG:
-                ret = snapshotFile(srcdirpath, entry.name, dstdirpath);
+                ret = mirrorFile(srcdirpath, entry.path, dstdirpath + "/" + entry.name);
                 break;
             case DT_LNK:
                 ret = CreateSingleFileSoftLink(srcdirpath, entry.name, dstdirpath);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "f2fs_ioctl.h"
+#include "files.h"
 #include "log.h"
 #include "snapshot.h"
 
@@ -73,10 +74,7 @@ int32_t snapshotOpenSource(const std::string& srcfilepath, int source_file_fd,
 
 }  // namespace
 
-int32_t CreateSingleFileSnapshot(std::string srcdirpath, std::string filename,
-                                 std::string dstdirpath) {
-    const std::string srcfilepath = srcdirpath + "/" + filename;
-    const std::string dstfilepath = dstdirpath + "/" + filename;
+int32_t snapshotFile(const std::string& srcfilepath, const std::string& dstfilepath) {
     LOG_INFO("CreateSingleFileSnapshot for [%s]\n", srcfilepath.c_str());
     const int source_file_fd = open(srcfilepath.c_str(), O_RDONLY);
     if (source_file_fd < 0) {
@@ -87,6 +85,11 @@ int32_t CreateSingleFileSnapshot(std::string srcdirpath, std::string filename,
     const int32_t ret = snapshotOpenSource(srcfilepath, source_file_fd, dstfilepath);
     close(source_file_fd);
     return ret;
+}
+
+int32_t CreateSingleFileSnapshot(std::string srcdirpath, std::string filename,
+                                 std::string dstdirpath) {
+    return snapshotFile(srcdirpath + "/" + filename, dstdirpath + "/" + filename);
 }
 
 int32_t CreateSingleFileSoftLink(std::string srcdirpath, std::string filename,
