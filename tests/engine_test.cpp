@@ -97,9 +97,10 @@ TEST_F(EngineTest, PrepareFile) {
     kernel->answer("DEDUP_GET_FILE_INFO", {0, 0, 0x0001FFFF});
     EXPECT_EQ(prepare(), 0);
     expected = PREPARED;
-    expected = expected.substr(0, expected.find(state)) +
-               "I [$/s/a] is_deduped = -1 is_layered = 1\\n\nclose 100 = 0\n"
-               "I PreCreateSingleFileSnapshot done ret = 0\\n\n";
+    expected.resize(expected.find(state));
+    expected +=
+        "I [$/s/a] is_deduped = -1 is_layered = 1\\n\nclose 100 = 0\n"
+        "I PreCreateSingleFileSnapshot done ret = 0\\n\n";
     EXPECT_EQ(kernel->text(), expected);
 }
 
