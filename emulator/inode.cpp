@@ -16,34 +16,38 @@ void learnName(Inode& inode, Inode& parent, const char* name) {
     inode.fd.reset();
 }
 
-// The known file that is reached by this name, or nullptr.
-Inode* findByName(const Volume& volume, const Inode& parent, const char* name) {
+// Finds the known file that is reached by this name, if any, and opens it with O_PATH.
+int findByName(const Volume& volume, const Inode& parent, const char* name, Inode*& found,
+               UniqueFd& opened) {
+    found = nullptr;
+    opened.reset(openat(parent.fd.get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!opened.valid()) {
+        return errno == ENOENT ? 0 : errno;
+    }
     struct stat attributes;
-    if (fstatat(parent.fd.get(), name, &attributes, AT_SYMLINK_NOFOLLOW) != 0) {
-        return nullptr;
+    if (fstat(opened.get(), &attributes) != 0) {
+        return errno;
     }
     const auto known = volume.inodes.find(attributes.st_ino);
-    if (known == volume.inodes.end() || attributes.st_dev != volume.backing_device) {
-        return nullptr;
+    if (known != volume.inodes.end() && attributes.st_dev == volume.backing_device) {
+        Inode* const inode = known->second.get();
+        // Compared by number, not by address: a directory can be forgotten and become known again
+        // while a file still holds its first incarnation.
+        const bool is_here =
+            inode->folder && inode->folder->number == parent.number && inode->name == name;
+        found = is_here ? inode : nullptr;
     }
-    Inode* const inode = known->second.get();
-    // Compared by number, not by address: a directory can be forgotten and become known again
-    // while a file still holds its first incarnation.
-    const bool is_here =
-        inode->folder && inode->folder->number == parent.number && inode->name == name;
-    return is_here ? inode : nullptr;
+    return 0;
 }
 
 // Runs a call that takes a name from what has it. A file that was reached by it is reached by a
 // descriptor from then on, until it is found by another name.
 template <typename Call>
 int takeName(const Volume& volume, const Inode& parent, const char* name, Call call) {
-    Inode* const loser = findByName(volume, parent, name);
+    Inode* loser = nullptr;
     UniqueFd pin;
-    if (loser != nullptr) {
-        if (const int error = openInode(*loser, O_PATH, pin)) {
-            return error;
-        }
+    if (const int error = findByName(volume, parent, name, loser, pin)) {
+        return error;
     }
     if (call() != 0) {
         return errno;
@@ -162,8 +166,13 @@ int removeName(Volume& volume, const Inode& parent, const char* name) {
 
 int changeName(Volume& volume, const Inode& parent, const char* name, Inode& new_parent,
                const char* new_name, unsigned int flags) {
-    Inode* const moved = findByName(volume, parent, name);
-    const int error = takeName(volume, new_parent, new_name, [&] {
+    Inode* moved = nullptr;
+    UniqueFd pin;
+    int error = findByName(volume, parent, name, moved, pin);
+    if (error != 0) {
+        return error;
+    }
+    error = takeName(volume, new_parent, new_name, [&] {
         return renameat2(parent.fd.get(), name, new_parent.fd.get(), new_name, flags);
     });
     if (error == 0 && moved != nullptr) {
