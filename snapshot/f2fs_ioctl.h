@@ -1,8 +1,8 @@
 // The driver's snapshot interface: six ioctl requests on files of an F2FS volume.
 //
 // All records are in native byte order, naturally aligned and without padding. The kernel is the
-// authority on them; what each field means to the library is stated here. A request returns 0 on
-// success; anything else, normally -1 with errno set, is a failure.
+// authority on them; what each field and effect is to the library is stated here. A request returns
+// 0 on success; anything else, normally -1 with errno set, is a failure.
 #pragma once
 
 #include <stdint.h>

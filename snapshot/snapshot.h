@@ -18,9 +18,10 @@
 // directory stream is closed before a call returns. Calls on one target at the same time, or on
 // one source while it is being snapshotted elsewhere, are not kept apart.
 //
-// Privileges. The caller needs read and write permission on every source file; read, search and
-// write permission on every source directory (the last for unnamed temporary files); write
-// permission on the target, or on the directory that the target is to be made in.
+// Privileges. The caller needs read and write permission on every source file; read and search
+// permission on every source directory, and write permission too where files are to be prepared
+// (for the unnamed temporary ones); write permission on the target, or on the directory that the
+// target is to be made in.
 #pragma once
 
 #include <stdint.h>
@@ -69,17 +70,17 @@ F2FS_SNAPSHOT_EXPORT int32_t PreCreateSingleFileSnapshot(std::string srcdirpath,
 // existed throughout as of one instant, the start of that last pass. docs/consistency.md states the
 // limits (hard links, renames, a directory that the pass could not read, ...).
 //
-// dirpath  source directories, absolute, none of them given twice or below another that comes
-//          later; an empty list is a success that touches nothing
+// dirpath  source directories, absolute, none of them given twice or below another; an empty list
+//          is a success that touches nothing
 // dstpath  target directory; made when missing. dstpath + "/snapshot" + source must stay below 255
 //          bytes for every source, or the process is aborted
 //
 // Returns 0; -1 for a "/../" path; -1 or -2 when the snapshot root cannot be removed or made; -1,
 // -2, -22 or a failed request's result from the first creation or a re-creation; -11 when the
 // eleventh pass still found changes. A failure once the first tree is being mirrored removes the
-// snapshot root again, except that a source's own mirror directory, dstpath + "/snapshot" + S,
-// cannot be made: that leaves what was made. A check pass that cannot read a directory ends early
-// without failing the call.
+// snapshot root again (a failed removal is logged), unless it is a source's own mirror directory,
+// dstpath + "/snapshot" + S, that cannot be made: that leaves what was made. A check pass that
+// cannot read a directory ends early without failing the call.
 F2FS_SNAPSHOT_EXPORT int32_t CreateDirSnapshot(const std::vector<std::string>& dirpath,
                                                std::string dstpath);
 

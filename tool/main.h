@@ -5,8 +5,9 @@
 
 #include "export.h"
 
-// Prepares, snapshots and destroys fixed folders of the device: sources /data/media/0/DCIM and
-// /data/media/0/Documents, target /data/media/0/snapshotdir_001.
+// Prepares and snapshots fixed folders of the device, /data/media/0/DCIM and
+// /data/media/0/Documents, with the target /data/media/0/snapshotdir_001, and destroys the
+// snapshot.
 //
 // Returns 0, or the first nonzero result; later steps are skipped then.
 extern "C" F2FS_SNAPSHOT_EXPORT int32_t default_testcase();
