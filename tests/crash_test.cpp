@@ -1,11 +1,8 @@
-// The emulator killed at any instant, and calls raced by others who change what is being walked.
+// The emulator killed at any instant, and what somebody can do who puts links in the way.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-
-#include <map>
-#include <set>
 
 #include "fake_kernel.h"
 #include "snapshot.h"
@@ -14,29 +11,27 @@
 
 namespace {
 
-class CrashTest : public ToolOnVolume {
-  protected:
-    void makeSource() {
+using CrashTest = ToolOnVolume;
+
+TEST_F(CrashTest, TheEmulatorIsKilled) {
+    const auto makeSource = [&] {
         fs::remove_all(source);
         fs::create_directories(source + "/folder");
         for (int i = 0; i < 8; ++i) {
             write(source + "/folder/" + std::to_string(i), std::string(5000, 'f'));
         }
-    }
-
-    Random random;
-};
-
-TEST_F(CrashTest, TheEmulatorIsKilled) {
+    };
+    const auto create = [&] { return CreateDirSnapshot({source}, target); };
     FakeKernel kernel(volume.root());
     kernel.has_driver = false;
-    const auto create = [&] { return CreateDirSnapshot({source}, target); };
     makeSource();
     const std::vector<std::string> before = dump(source);
     EXPECT_EQ(kernel.run(create), 0);
     const size_t calls = kernel.calls;
+    Random random;
     int cut_short = 0;
-    for (int round = rounds(3, 60); round > 0 && !HasFailure(); --round) {
+    for (int round = 0; round < rounds(3, 60) || cut_short == 0; ++round) {
+        ASSERT_LT(round, 100) << "no create was cut short";
         expectDestroy();
         makeSource();
         const size_t turn = 1 + random.below(calls);
@@ -58,101 +53,9 @@ TEST_F(CrashTest, TheEmulatorIsKilled) {
         EXPECT_EQ(run("create"), 0) << log;
         EXPECT_EQ(dump(mirror()), before);
         EXPECT_EQ(dump(source), before);
+        ASSERT_FALSE(HasFailure());
     }
     std::cout << cut_short << " creates cut short" << std::endl;
-    EXPECT_GT(cut_short, 0);
-}
-
-// Puts something else in the place of a name in a folder, or takes it away. Names are reached from
-// descriptors, so that no link leads this process astray, and every pipe is held open, so that
-// nobody waits for it.
-void disturbEntry(int dir, const std::string& outside, Random& random) {
-    const std::string name = std::to_string(random.below(8));
-    switch (random.below(7)) {
-        case 0:
-            unlinkat(dir, name.c_str(), 0);
-            break;
-        case 1:
-            renameat(dir, name.c_str(), dir, std::to_string(random.below(8)).c_str());
-            break;
-        case 2:
-            mkfifoat(dir, "pipe", 0600);
-            if (openat(dir, "pipe", O_RDWR | O_NONBLOCK) >= 0) {
-                renameat(dir, "pipe", dir, name.c_str());
-            }
-            break;
-        case 3:
-            symlinkat((outside + "/file").c_str(), dir, "link");
-            renameat(dir, "link", dir, name.c_str());
-            break;
-        case 4:
-            mkdirat(dir, ("folder" + name).c_str(), 0700);
-            unlinkat(dir, ("folder" + std::to_string(random.below(8))).c_str(), AT_REMOVEDIR);
-            break;
-        default:
-            close(openat(dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600));
-    }
-}
-
-// Changes what is in a folder without an end; with `outside`, the folder itself is swapped for a
-// link to there as well.
-int disturb(const fs::path& folder, const std::string& outside, Random random) {
-    const size_t pace = 500U << random.below(6);  // microseconds between changes, at most
-    const int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
-    const int parent = open(folder.parent_path().c_str(), O_RDONLY | O_DIRECTORY);
-    const char* const self = "folder";
-    for (;; usleep(static_cast<useconds_t>(random.below(pace)))) {
-        if (outside.empty() || random.below(8) != 0) {
-            disturbEntry(dir, outside, random);
-        } else if (renameat(parent, self, parent, "aside") == 0) {
-            symlinkat(outside.c_str(), parent, self);
-            usleep(static_cast<useconds_t>(random.below(300)));
-            unlinkat(parent, self, 0);
-            renameat(parent, "aside", parent, self);
-        }
-    }
-}
-
-TEST_F(CrashTest, Disturbed) {
-    const std::string outside = at("outside");
-    fs::create_directories(outside + "/folder");
-    write(outside + "/file", "outside");
-    write(outside + "/folder/file", "outside");
-    const std::vector<std::string> outside_before = dump(outside);
-    const std::pair<std::string, std::set<int>> table[] = {{"create", {0, 234, 245, 254, 255}},
-                                                           {"destroy", {0, 255}}};
-    for (const auto& [command, results] : table) {
-        const bool creates = command == "create";
-        std::map<int, int> seen;
-        for (int round = rounds(10, 300); round > 0; --round) {
-            makeSource();
-            if (!creates) {
-                ASSERT_EQ(run("create"), 0);
-            }
-            random.below(2);  // the next process chooses otherwise
-            const pid_t other = startChild([&] {
-                // A link in the place of a folder of the snapshot is followed: see SwapTest.
-                return disturb((creates ? source : mirror()) + "/folder", creates ? outside : "",
-                               random);
-            });
-            const int status = run(command);
-            endChild(other, SIGKILL);
-            ++seen[status];
-            EXPECT_EQ(results.count(status), 1U) << status;
-            EXPECT_EQ(fs::exists(target + "/snapshot"), creates == (status == 0)) << status;
-            EXPECT_EQ(dump(outside), outside_before);
-            if (!creates && status != 0) {  // what is left is picked up, but pipes
-                for (const char* name : {"0", "1", "2", "3", "4", "5", "6", "7", "pipe"}) {
-                    fs::remove(mirror() + "/folder/" + name);
-                }
-                expectDestroy();
-            }
-        }
-        for (const auto& [status, count] : seen) {
-            std::cout << command << " disturbed: status " << status << " " << count << " times"
-                      << std::endl;
-        }
-    }
 }
 
 // What somebody can do who may rename in the source or the target while the tool walks there, at

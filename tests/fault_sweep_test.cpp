@@ -1,7 +1,7 @@
 // Every call failed: each system call of prepare, create, destroy and of the cleanup in a failed
-// create fails in its turn, once and from then on, or finds the process killed. Whatever happens,
-// the result is a promised one, nothing stays open, the sources are untouched, the disk is left as
-// promised, and the next destroy and create succeed.
+// create fails in its turn, once and from then on, or finds the process killed or its folders
+// changed by others. Whatever happens, the result is a promised one, nothing stays open, the
+// sources are untouched, the disk is left as promised, and the next destroy and create succeed.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,7 +48,8 @@ using Dump = std::vector<std::string>;
 class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario> {
   protected:
     static void TearDownTestSuite() {
-        printf("%zu runs, %zu faults injected; %zu kills\n", runs, faults, kills);
+        printf("%zu runs, %zu faults injected; %zu kills; %zu disturbances\n", runs, faults, kills,
+               disturbances);
     }
 
     void SetUp() override {
@@ -56,23 +57,24 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
             setenv("TMPDIR", "/dev/shm", 0);  // thousands of trees, none of them worth a disk
         }
         TestTree::SetUp();
-        fs::create_directories(at("s/1/b/empty"));
-        fs::create_directory(at("s/2"));
         fs::create_directory(at("t"));
-        write(at("s/1/b/c"), "content");
-        fs::create_symlink("b/c", at("s/1/l"));
-        write(at("s/2/z"), "");
         sources = {at("s/1"), at("s/2")};
         mirror = at("t/snapshot") + at("s");
-        write(at("s/1/a"), "after");
-        after = dump(at("s"));
         reset();
         before = dump(at("s"));
+        write(at("s/1/a"), "after");
+        after = dump(at("s"));
     }
 
     void reset() {
         fs::remove_all(at("t/snapshot"));
+        fs::remove_all(at("s"));
+        fs::create_directories(at("s/1/b/empty"));
+        fs::create_directory(at("s/2"));
         write(at("s/1/a"), "before");
+        write(at("s/1/b/c"), "content");
+        fs::create_symlink("b/c", at("s/1/l"));
+        write(at("s/2/z"), "");
         if (GetParam().old_root) {
             fs::create_directories(mirror);
             fs::copy(at("s"), mirror,
@@ -192,6 +194,7 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
     inline static size_t runs = 0;
     inline static size_t faults = 0;
     inline static size_t kills = 0;
+    inline static size_t disturbances = 0;
 };
 
 TEST_P(FaultSweep, KeepsEveryPromise) {
@@ -229,15 +232,80 @@ TEST_P(FaultSweep, SurvivesAKillAtEveryCall) {
     EXPECT_EQ(status, 0);
 }
 
+// What others make of s/1/b/c, or of its snapshot, where that is still there.
+using Disturbance = void (*)(const std::string& folder, const std::string& file);
+const std::pair<const char*, Disturbance> DISTURBANCES[] = {
+    {"deleted", [](const auto& /*folder*/, const auto& file) { unlink(file.c_str()); }},
+    {"renamed",
+     [](const auto& folder, const auto& file) { rename(file.c_str(), (folder + "/d").c_str()); }},
+    {"in the place of another file",
+     [](const auto& folder, const auto& file) {
+         rename(file.c_str(), (folder + "/../a").c_str());
+     }},
+    {"a folder now",
+     [](const auto& /*folder*/, const auto& file) {
+         unlink(file.c_str());
+         mkdir(file.c_str(), 0700);
+     }},
+    {"a link now",
+     [](const auto& /*folder*/, const auto& file) {
+         unlink(file.c_str());
+         symlink("../a", file.c_str());
+     }},
+    {"below a link now",
+     [](const auto& folder, const auto& /*file*/) {
+         rename(folder.c_str(), (folder + "/../aside").c_str());
+         symlink("aside", folder.c_str());
+     }},
+};
+
+class DisturbedSweep : public FaultSweep {};
+
+TEST_P(DisturbedSweep, LeavesNothingBehind) {
+    const bool destroys = GetParam().operation == Operation::DESTROY;
+    const std::string folder = (destroys ? mirror.string() : at("s")) + "/1/b";
+    for (const auto& [what, disturb] : DISTURBANCES) {
+        bool met = true;
+        for (size_t nth = 1; met; ++nth) {
+            reset();
+            FakeKernel kernel(root);
+            met = false;
+            const int32_t ret = operate(kernel, [&, disturb = disturb](const std::string&) {
+                if (kernel.calls == nth) {
+                    disturb(folder, folder + "/c");
+                    met = true;
+                }
+            });
+            SCOPED_TRACE(what + std::string(" at call ") + std::to_string(nth) + "\n" +
+                         kernel.text());
+            EXPECT_EQ(kernel.openDescriptors(), 0U);
+            EXPECT_TRUE(ret == 0 || ret == -1 || ret == -2) << ret;
+            if (ret != 0) {
+                checkFailure(kernel.log());
+            }
+            checkNextRound(kernel);
+            disturbances += met ? 1 : 0;
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+}
+
+const Scenario PREPARE = {"Prepare", Operation::PREPARE};
+const Scenario CREATE_TWICE = {"CreateWithFilesMadeAgain", Operation::CREATE, 0, false, true};
+const Scenario DESTROY = {"Destroy", Operation::DESTROY, 0, true};
 const Scenario SCENARIOS[] = {
-    {"Prepare", Operation::PREPARE},
+    PREPARE,
     {"Create", Operation::CREATE},
     {"CreateOverAnOldRoot", Operation::CREATE, 0, true},
-    {"CreateWithFilesMadeAgain", Operation::CREATE, 0, false, true},
+    CREATE_TWICE,
     {"CreateThatCleansUp", Operation::CREATE, -22, false, false, true},
-    {"Destroy", Operation::DESTROY, 0, true},
+    DESTROY,
 };
-INSTANTIATE_TEST_SUITE_P(All, FaultSweep, testing::ValuesIn(SCENARIOS),
-                         [](const auto& scenario) { return scenario.param.name; });
+std::string nameOf(const testing::TestParamInfo<Scenario>& scenario) {
+    return scenario.param.name;
+}
+INSTANTIATE_TEST_SUITE_P(All, FaultSweep, testing::ValuesIn(SCENARIOS), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, DisturbedSweep, testing::Values(PREPARE, CREATE_TWICE, DESTROY),
+                         nameOf);
 
 }  // namespace
