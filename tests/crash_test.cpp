@@ -1,214 +1,61 @@
-// Killed at any instant, and raced by others who change what is being walked.
+// The emulator killed at any instant, and what somebody can do who puts links in the way.
 #include <fcntl.h>
 #include <sched.h>
-#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <map>
-#include <set>
-
-#include "f2fs_ioctl.h"
 #include "fake_kernel.h"
 #include "snapshot.h"
 #include "tool_on_volume.h"
 #include "tree_gen.h"
-#include "trial.h"
 
 namespace {
 
-class CrashTest : public ToolOnVolume {
-  protected:
-    void makeSource() {
+using CrashTest = ToolOnVolume;
+
+TEST_F(CrashTest, TheEmulatorIsKilled) {
+    const auto makeSource = [&] {
         fs::remove_all(source);
         fs::create_directories(source + "/folder");
         for (int i = 0; i < 8; ++i) {
             write(source + "/folder/" + std::to_string(i), std::string(5000, 'f'));
         }
-    }
-    // Learns how many lines the log of each command has.
-    void measureLogs() {
-        makeSource();
-        for (const char* command : {"pre", "create", "destroy"}) {
-            ToolRun run(commandLine(command));
-            while (run.nextLine() != nullptr) {
-                ++lines_of[command];
-            }
-            ASSERT_EQ(run.wait(), 0) << command;
-        }
-    }
-    // Strikes at a random line of a command's log, or an instant later.
-    template <typename Strike>
-    int runUntil(const std::string& command, Strike strike) {
-        ToolRun run(commandLine(command));
-        for (size_t left = random.below(lines_of[command]); left > 0; --left) {
-            run.nextLine();
-        }
-        usleep(static_cast<useconds_t>(random.below(300)));
-        strike(run.pid);
-        return run.wait();
-    }
-    // As if no file had ever been prepared.
-    void revokeAll() const {
-        for (const auto& entry : fs::recursive_directory_iterator(source)) {
-            if (fs::is_regular_file(entry.symlink_status())) {
-                const int fd = open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
-                EXPECT_EQ(revokeDedupFile(fd), 0);
-                close(fd);
-            }
-        }
-    }
-    void expectWholeCreate(const std::vector<std::string>& expected) {
-        EXPECT_EQ(run("create"), 0);
-        EXPECT_EQ(dump(mirror()), expected);
-        EXPECT_EQ(dump(source), expected);
-        expectDestroy();
-    }
-
-    Random random;
-    std::map<std::string, size_t> lines_of;
-};
-
-TEST_F(CrashTest, TheToolIsKilled) {
-    measureLogs();
-    TreeGenerator(random.seed()).fill(source);
+    };
+    const auto create = [&] { return CreateDirSnapshot({source}, target); };
+    FakeKernel kernel(volume.root());
+    kernel.has_driver = false;
+    makeSource();
     const std::vector<std::string> before = dump(source);
-    std::map<std::string, int> killed;
-    for (int round = rounds(9, 300); round > 0 && !HasFailure(); --round) {
-        const std::string command = round % 3 == 0 ? "pre" : round % 3 == 1 ? "create" : "destroy";
-        if (command == "destroy") {
-            EXPECT_EQ(run("create"), 0);
-        } else {
-            revokeAll();
-        }
-        const int status = runUntil(command, [](pid_t pid) { kill(pid, SIGKILL); });
-        EXPECT_TRUE(status == 128 + SIGKILL || status == 0) << status;
-        killed[command] += status != 0 ? 1 : 0;
-        EXPECT_EQ(dump(source), before);
-        expectWholeCreate(before);
-    }
-    for (const auto& [command, count] : killed) {
-        std::cout << command << " killed " << count << " times" << std::endl;
-        EXPECT_GT(count, 0);
-    }
-}
-
-TEST_F(CrashTest, TheEmulatorIsKilled) {
-    measureLogs();
-    const std::string changed = source + "/folder/3";
+    EXPECT_EQ(kernel.run(create), 0);
+    const size_t calls = kernel.calls;
+    Random random;
     int cut_short = 0;
-    for (int round = rounds(3, 60); round > 0 && !HasFailure(); --round) {
-        EXPECT_EQ(run("create"), 0);
-        write(changed, std::to_string(round));
-        const std::vector<std::string> before = dump(source);
+    for (int round = 0; round < rounds(3, 60) || cut_short == 0; ++round) {
+        ASSERT_LT(round, 100) << "no create was cut short";
+        expectDestroy();
+        makeSource();
+        const size_t turn = 1 + random.below(calls);
+        const auto delay = static_cast<useconds_t>(random.below(300));
+        pid_t killer = -1;
+        kernel.before = [&](const std::string& /*call*/) {
+            if (kernel.calls == turn) {
+                killer = startChild([&] {
+                    usleep(delay);
+                    return kill(volume.pid(), SIGKILL);
+                });
+            }
+        };
+        cut_short += kernel.run(create) != 0 ? 1 : 0;
+        EXPECT_EQ(endChild(killer), 0);
         volume.kill9();
-        ASSERT_TRUE(volume.start()) << volume.errors();
-        std::vector<file_info> modified;
-        EXPECT_EQ(checkModifyFiles(source, modified, target + "/snapshot"), 0);
-        ASSERT_EQ(modified.size(), 1U) << "marks are kept, and so is the loss of one";
-        EXPECT_EQ(modified[0].srcdirpath + "/" + modified[0].filename, changed);
-        dedup_file_info info = {};
-        const int fd = open(changed.c_str(), O_RDONLY | O_CLOEXEC);
-        EXPECT_EQ(ioctl(fd, F2FS_IOC_DEDUP_GET_FILE_INFO, &info), 0);
-        close(fd);
-        EXPECT_EQ(info.is_layered, 1);
-
-        revokeAll();
-        cut_short += runUntil("create", [&](pid_t) { volume.kill9(); }) != 0 ? 1 : 0;
         EXPECT_EQ(dump(volume.backing() / "source"), before);
         ASSERT_TRUE(volume.start()) << volume.errors();
-        expectWholeCreate(before);
+        EXPECT_EQ(run("create"), 0) << log;
+        EXPECT_EQ(dump(mirror()), before);
+        EXPECT_EQ(dump(source), before);
+        ASSERT_FALSE(HasFailure());
     }
     std::cout << cut_short << " creates cut short" << std::endl;
-    EXPECT_GT(cut_short, 0);
-}
-
-// Changes what is in a folder without an end; with `outside`, the folder itself is swapped for a
-// link to there as well. Names are reached from descriptors, so that no link leads this process
-// astray, and every pipe is held open, so that nobody waits for it.
-int disturb(const fs::path& folder, const std::string& outside, Random random) {
-    const size_t pace = 500U << random.below(6);  // microseconds between changes, at most
-    const int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
-    const int parent = open(folder.parent_path().c_str(), O_RDONLY | O_DIRECTORY);
-    const char* const self = "folder";
-    for (;; usleep(static_cast<useconds_t>(random.below(pace)))) {
-        const std::string name = std::to_string(random.below(8));
-        const std::string other = std::to_string(random.below(8));
-        switch (random.below(8)) {
-            case 0:
-                unlinkat(dir, name.c_str(), 0);
-                break;
-            case 1:
-                renameat(dir, name.c_str(), dir, other.c_str());
-                break;
-            case 2:
-                mkfifoat(dir, "pipe", 0600);
-                if (openat(dir, "pipe", O_RDWR | O_NONBLOCK) >= 0) {
-                    renameat(dir, "pipe", dir, name.c_str());
-                }
-                break;
-            case 3:
-                symlinkat((outside + "/file").c_str(), dir, "link");
-                renameat(dir, "link", dir, name.c_str());
-                break;
-            case 4:
-                if (!outside.empty() && renameat(parent, self, parent, "aside") == 0) {
-                    symlinkat(outside.c_str(), parent, self);
-                    usleep(static_cast<useconds_t>(random.below(300)));
-                    unlinkat(parent, self, 0);
-                    renameat(parent, "aside", parent, self);
-                }
-                break;
-            case 5:
-                mkdirat(dir, ("folder" + name).c_str(), 0700);
-                unlinkat(dir, ("folder" + other).c_str(), AT_REMOVEDIR);
-                break;
-            default:
-                close(openat(dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600));
-        }
-    }
-}
-
-TEST_F(CrashTest, Disturbed) {
-    const std::string outside = at("outside");
-    fs::create_directories(outside + "/folder");
-    write(outside + "/file", "outside");
-    write(outside + "/folder/file", "outside");
-    const std::vector<std::string> outside_before = dump(outside);
-    const std::pair<std::string, std::set<int>> table[] = {{"create", {0, 234, 245, 254, 255}},
-                                                           {"destroy", {0, 255}}};
-    for (const auto& [command, results] : table) {
-        const bool creates = command == "create";
-        std::map<int, int> seen;
-        for (int round = rounds(10, 300); round > 0; --round) {
-            makeSource();
-            if (!creates) {
-                ASSERT_EQ(run("create"), 0);
-            }
-            random.seed();
-            const pid_t other = startChild([&] {
-                // A link in the place of a folder of the snapshot is followed: see SwapTest.
-                return disturb((creates ? source : mirror()) + "/folder", creates ? outside : "",
-                               random);
-            });
-            const int status = run(command);
-            endChild(other, SIGKILL);
-            ++seen[status];
-            EXPECT_EQ(results.count(status), 1U) << status;
-            EXPECT_EQ(fs::exists(target + "/snapshot"), creates == (status == 0)) << status;
-            EXPECT_EQ(dump(outside), outside_before);
-            if (!creates && status != 0) {  // what is left is picked up, but pipes
-                for (const char* name : {"0", "1", "2", "3", "4", "5", "6", "7", "pipe"}) {
-                    fs::remove(mirror() + "/folder/" + name);
-                }
-                expectDestroy();
-            }
-        }
-        for (const auto& [status, count] : seen) {
-            std::cout << command << " disturbed: status " << status << " " << count << " times"
-                      << std::endl;
-        }
-    }
 }
 
 // What somebody can do who may rename in the source or the target while the tool walks there, at
@@ -307,64 +154,24 @@ TEST_F(SwapTest, AMountWithNosymfollowClosesIt) {
     }
 }
 
-// How often the window of destroy is hit by somebody who waits for its first removal and then puts
-// a link in the place of a folder.
-TEST_F(SwapTest, AFolderSwappedInARace) {
-    int emptied = 0;
-    const int destroys = rounds(20, 1000);
-    for (int round = 0; round < destroys; ++round) {
-        fill();
-        const std::string swapped = at("d/snapshot/m");
-        fs::create_directories(swapped);
-        for (int i = 0; i < 30; ++i) {
-            write(at("d/snapshot/" + std::to_string(i)), "");
-        }
-        const int watch = inotify_init1(IN_CLOEXEC);
-        ASSERT_GE(inotify_add_watch(watch, at("d/snapshot").c_str(), IN_DELETE), 0);
-        const pid_t swapper = startChild([&] {
-            char event[4096];
-            const bool moved = ::read(watch, event, sizeof event) > 0 &&
-                               rename(swapped.c_str(), at("aside/it").c_str()) == 0;
-            return moved ? symlink(at("out").c_str(), swapped.c_str()) : 1;
-        });
-        const int status = runProcess({F2FS_SNAPSHOT_TOOL_PATH, "destroy", at("d")}).status;
-        endChild(swapper);
-        close(watch);
-        const bool hit = !fs::exists(at("out/f"));
-        emptied += hit ? 1 : 0;
-        EXPECT_TRUE(!hit || status == 255) << status;
-        EXPECT_EQ(read(at("s/f")), "data") << "what no link named";
-    }
-    std::cout << emptied << " of " << destroys << " destroys emptied the folder that a link named"
-              << std::endl;
-}
-
 // A pipe that takes a file's place just before the file is opened for reading makes the call wait
 // until somebody opens the pipe for writing.
 TEST_F(SwapTest, APipeIsWaitedFor) {
     for (const int nth : {1, 2}) {  // in the first creation, in a check pass
         fill();
-        const pid_t writer = startChild([&] {
-            struct stat opened = {};
-            while (!S_ISFIFO(opened.st_mode)) {
-                usleep(1000);
-                // Fails until it is waited for.
-                const int fd = open(at("s/f").c_str(), O_WRONLY | O_NONBLOCK);
-                fstat(fd, &opened);
-                close(fd);
-            }
-            return 0;
-        });
+        pid_t writer = -1;
         FakeKernel kernel(root);
         kernel.before = [&, seen = 0](const std::string& call) mutable {
             if (call == "open $/s/f O_RDONLY" && ++seen == nth) {
                 fs::remove(at("s/f"));
                 ASSERT_EQ(mkfifo(at("s/f").c_str(), 0600), 0);
+                writer = startChild([&] { return close(open(at("s/f").c_str(), O_WRONLY)); });
                 kernel.answer("MODIFY_CHECK", {-1, ENOTTY, {}});  // as on everything but files
                 kernel.answer("DEDUP_GET_FILE_INFO", {-1, ENOTTY, {}});
             }
         };
         EXPECT_EQ(kernel.run([&] { return CreateDirSnapshot({at("s")}, at("d")); }), -1);
+        ASSERT_GT(writer, 0);
         EXPECT_EQ(endChild(writer), 0);
         EXPECT_FALSE(fs::exists(at("d/snapshot")));
     }

@@ -4,28 +4,14 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <system_error>
-#include <thread>
+#include <utility>
 
 #include "process.h"
 #include "test_tree.h"
 
 namespace {
-
-// Runs `done` until it is true or a minute is over. Returns its last answer.
-template <typename Condition>
-bool waitFor(Condition done) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 void unmount(const fs::path& mount_point) {
     if (umount2(mount_point.c_str(), MNT_DETACH) != 0) {
@@ -77,35 +63,18 @@ bool EmulatorMount::start() {
     // A test that crashes leaves no mount behind either.
     pid_ = startProcess({F2FS_EMULATOR_PATH, backing(), mount(), "-f"}, log, log, SIGTERM);
     close(log);
-    bool mounted = false;
-    bool ended = false;
-    waitFor([&] {
-        struct stat now = {};
-        mounted = stat(mount().c_str(), &now) == 0 && now.st_dev != before.st_dev;
-        ended = !mounted && waitpid(pid_, nullptr, WNOHANG) != 0;
-        return mounted || ended;
-    });
-    if (ended) {
-        pid_ = -1;
-    } else if (!mounted) {
-        stop(SIGKILL);
+    for (struct stat now = before; stat(mount().c_str(), &now) != 0 || now.st_dev == before.st_dev;
+         usleep(5000)) {
+        if (waitpid(pid_, nullptr, WNOHANG) != 0) {
+            pid_ = -1;
+            return false;
+        }
     }
-    return mounted;
+    return true;
 }
 
 int EmulatorMount::stop(int signal) {
-    if (pid_ <= 0) {
-        return -1;
-    }
-    kill(pid_, signal);
-    int status = 0;
-    const bool ended = waitFor([&] { return waitpid(pid_, &status, WNOHANG) != 0; });
-    if (!ended) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
-    }
-    pid_ = -1;
-    return ended ? exitStatus(status) : -1;
+    return pid_ > 0 ? endChild(std::exchange(pid_, -1), signal) : -1;
 }
 
 void EmulatorMount::kill9() {

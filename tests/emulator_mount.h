@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 class EmulatorMount {
   public:
@@ -19,8 +18,8 @@ class EmulatorMount {
 
     // Starts the daemon, in front, and waits until it serves. False: it did not; errors() tells.
     bool start();
-    // Sends a signal (0: none) to the daemon, if any, and waits for its end. Returns its exit
-    // status, 128 + the signal that killed it, or -1 when it had to be killed after a minute.
+    // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status, 128 +
+    // the signal that killed it, or -1 when there is none.
     int stop(int signal);
     // Ends it without a chance to do anything, and frees the mount point.
     void kill9();

@@ -283,18 +283,22 @@ TEST_F(EmulatorTest, ChangesOfDataClearTheMarkAndNothingElseDoes) {
         {0x82, [&] { return fsync(fd.get()); }},
     };
     makeFiles();
-    for (const bool restarted : {false, true}) {  // known to the daemon, and read from the disk
+    for (const bool restarts : {false, true}) {  // known to the daemon, and read from the disk
         for (const auto& row : rows) {
             SCOPED_TRACE(&row - rows);
             ASSERT_EQ(mark("file"), 0x82);
-            if (restarted) {
+            if (restarts) {
                 restart();
             }
             fd = openAt("file", O_RDWR);
             EXPECT_GE(row.call(), 0) << errno;
+            if (restarts) {
+                restart();
+            }
             EXPECT_EQ(flagOf("file"), row.flag);
         }
     }
+    fd = openAt("file", O_RDWR);
     // Through a shared mapping, data would change without the emulator's knowledge.
     const UniqueFd unnamed = openAt(".", O_TMPFILE | O_RDWR);
     for (const int unmapped : {fd.get(), unnamed.get()}) {

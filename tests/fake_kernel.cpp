@@ -28,6 +28,11 @@ Function real(const char* name, bool large_file_variant = false) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, symbol.c_str()));
 }
 
+int realIoctl(int fd, unsigned long code, void* record) {
+    static const auto real_ioctl = real<int (*)(int, unsigned long, ...)>("ioctl");
+    return real_ioctl(fd, code, record);
+}
+
 std::string vformat(const char* text, va_list arguments) {
     char buffer[16384];
     vsnprintf(buffer, sizeof buffer, text, arguments);
@@ -184,8 +189,10 @@ int FakeKernel::request(int fd, unsigned long code, void* record) {
     const auto* words = static_cast<const uint32_t*>(record);
     std::string call = format("%s %d {%#x", name.c_str(), fd, words[0]);
     call += _IOC_SIZE(code) == 8 ? format(", %#x}", words[1]) : "}";
-    const std::optional<int> result = intercept(call, record);
-    return result ? *result : note(call, model(fd, name, record));
+    if (const std::optional<int> result = intercept(call, record)) {
+        return *result;
+    }
+    return note(call, has_driver ? model(fd, name, record) : realIoctl(fd, code, record));
 }
 
 namespace {
@@ -232,9 +239,8 @@ int ioctl(int fd, unsigned long code, ...) noexcept {
     va_start(arguments, code);
     void* record = va_arg(arguments, void*);
     va_end(arguments);
-    static const auto real_ioctl = real<int (*)(int, unsigned long, ...)>("ioctl");
     FakeKernel* kernel = FakeKernel::active;
-    return kernel == nullptr ? real_ioctl(fd, code, record) : kernel->request(fd, code, record);
+    return kernel == nullptr ? realIoctl(fd, code, record) : kernel->request(fd, code, record);
 }
 
 int open(const char* path, int flags, ...) {

@@ -3,7 +3,8 @@
 // In a run, the library's file calls go through the fake to the real temporary folder, its requests
 // are answered by a model of the driver, and calls and log lines are written to one trace, in
 // order. Calls can be scripted, failed by number, or watched; directories are read in name order
-// and descriptors counted from 100, so that traces are the same on every machine.
+// and descriptors counted from 100, so that traces are the same on every machine. Each thread has
+// its own run.
 #pragma once
 
 #include <dirent.h>
@@ -45,6 +46,8 @@ class FakeKernel {
 
     // Entry types that the directory stream reports instead of the true ones, by name.
     std::map<std::string, unsigned char> types;
+    // Whether the fake answers requests; else they go to the driver of the volume that root is on.
+    bool has_driver = true;
     // Called before each call with its trace line: the place for a concurrent writer.
     std::function<void(const std::string& call)> before;
 
@@ -71,7 +74,7 @@ class FakeKernel {
     }
 
     // For the interposed calls, which are the C library's while no fake is active.
-    inline static FakeKernel* active = nullptr;
+    inline static thread_local FakeKernel* active = nullptr;
     std::string shown(std::string text) const;
     std::optional<int> intercept(const std::string& call, void* record = nullptr);
     int note(const std::string& call, int result);

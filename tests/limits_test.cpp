@@ -3,27 +3,18 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <sstream>
 
 #include "fake_kernel.h"
 #include "snapshot.h"
-#include "test_tree.h"
+#include "tree_gen.h"
 
 namespace {
 
-// Files as name:content, links as name->text, folders as name/.
+// A tree in one line, with a space behind each entry.
 std::string listing(const fs::path& top) {
-    std::vector<std::string> entries;
-    for (const auto& entry : fs::recursive_directory_iterator(top)) {
-        const std::string name = entry.path().lexically_relative(top).string();
-        entries.push_back(entry.is_symlink()     ? name + "->" + fs::read_symlink(entry).string()
-                          : entry.is_directory() ? name + "/"
-                                                 : name + ":" + read(entry));
-    }
-    std::sort(entries.begin(), entries.end());
     std::string text;
-    for (const std::string& entry : entries) {
+    for (const std::string& entry : dump(top)) {
         text += entry + " ";
     }
     return text;

@@ -1,20 +1,17 @@
 // The Java bridge against a scripted VM: what a healthy VM never does, the order of every call,
 // and many threads at once.
-#include <android/log.h>
 #include <jni.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
 
 #include <array>
+#include <functional>
 #include <thread>
 #include <tuple>
-#include <utility>
 #include <vector>
 
+#include "../fake_kernel.h"
 #include "../test_tree.h"
-#include "f2fs_ioctl.h"
 #include "snapshot_jni.h"
 
 namespace {
@@ -23,19 +20,9 @@ constexpr auto create = Java_com_storage_f2fs_libsnapshot_native_createdirsnapsh
 constexpr auto destroy = Java_com_storage_f2fs_libsnapshot_native_destroydirsnapshot;
 constexpr auto prepare = Java_com_storage_f2fs_libsnapshot_native_precreatedirsnapshot;
 
-// What the bridge asked of the VM and what was logged, in order: one trace for each thread, so that
-// writing it keeps no two threads apart.
-thread_local std::string trace;
-
-void note(std::string line) {
-    for (size_t at = 0; (at = line.find('\n', at)) != std::string::npos;) {
-        line.replace(at, 1, "\\n");
-    }
-    trace += line + "\n";
-}
-
-std::string takeTrace() {
-    return std::exchange(trace, {});
+// Puts what the bridge asks of the VM into the trace of the running call.
+void note(const std::string& line) {
+    FakeKernel::active->trace.push_back(line);
 }
 
 // A string of the VM's; without text its characters are unavailable, as when memory has run out.
@@ -146,9 +133,25 @@ TEST(JniOnLoad, RegistersOrSaysWhatFailed) {
         env.found = row.has_class ? env.found : nullptr;
         env.register_result = row.register_result;
         ScriptedVm vm(row.get_env_result, row.has_env ? &env : nullptr);
-        EXPECT_EQ(JNI_OnLoad(&vm, nullptr), row.result);
-        EXPECT_EQ(takeTrace(), row.trace);
+        FakeKernel kernel("/root of the test");
+        EXPECT_EQ(kernel.run([&] { return JNI_OnLoad(&vm, nullptr); }), row.result);
+        EXPECT_EQ(kernel.text(), row.trace);
         EXPECT_TRUE(row.result < 0 || env.methods == methods);
+    }
+}
+
+// One call after the other, with their results and all that they did.
+struct Call {
+    std::function<jint()> make;
+    jint result;
+    std::string trace;
+};
+
+void expectCalls(const std::vector<Call>& calls) {
+    for (const Call& call : calls) {
+        FakeKernel kernel("/root of the test");
+        EXPECT_EQ(kernel.run(call.make), call.result);
+        EXPECT_EQ(kernel.text(), call.trace);
     }
 }
 
@@ -157,19 +160,19 @@ TEST(JniEntries, StringsWithoutCharacters) {
     ScriptedString given("given", "/a");
     ScriptedString none("none", nullptr);
     for (jstring missing : std::array<jstring, 2>{nullptr, &none}) {
-        const std::string asked = missing == nullptr ? "" : "get none\n";
         const auto refused = [&](const std::string& what, const std::string& operation) {
-            return asked + "E " + what + " get NULL error return -1 when " + operation + "\n";
+            return std::string(missing == nullptr ? "" : "get none\n") + "E " + what +
+                   " get NULL error return -1 when " + operation + "\n";
         };
-        EXPECT_EQ(create(&env, missing, &given), -1);
-        EXPECT_EQ(takeTrace(), refused("dirpath", "createdirsnapshot"));
-        EXPECT_EQ(create(&env, &given, missing), -1);
-        EXPECT_EQ(takeTrace(),
-                  "get given\n" + refused("dstpath", "createdirsnapshot") + "release given\n");
-        EXPECT_EQ(destroy(&env, missing), -1);
-        EXPECT_EQ(takeTrace(), refused("dstpath", "destroydirsnapshot"));
-        EXPECT_EQ(prepare(&env, missing), -1);
-        EXPECT_EQ(takeTrace(), refused("dirpath", "precreatedirsnapshot"));
+        expectCalls({
+            {[&] { return create(&env, missing, &given); }, -1,
+             refused("dirpath", "createdirsnapshot")},
+            {[&] { return create(&env, &given, missing); }, -1,
+             "get given\n" + refused("dstpath", "createdirsnapshot") + "release given\n"},
+            {[&] { return destroy(&env, missing); }, -1, refused("dstpath", "destroydirsnapshot")},
+            {[&] { return prepare(&env, missing); }, -1,
+             refused("dirpath", "precreatedirsnapshot")},
+        });
     }
 }
 
@@ -177,31 +180,32 @@ TEST(JniEntries, CharactersAreHeldWhileTheEngineWorks) {
     ScriptedString dirpath("dirpath", ";/no/a;;/../b;");
     ScriptedString dstpath("dstpath", "/no;/t");
     ScriptedEnv env;
-    EXPECT_EQ(create(&env, &dirpath, &dstpath), -1);
-    EXPECT_EQ(takeTrace(), R"(get dirpath
+    expectCalls({
+        {[&] { return create(&env, &dirpath, &dstpath); }, -1, R"(get dirpath
 get dstpath
 I JNI native_createsnapshot for dirpath [;/no/a;;/../b;] dstpath [/no;/t]\n
 I ------CreateDirSnapshot for dstpath [/no;/t] entry------\n
 E checkPathRegulate path /../b failed\n
 release dirpath
 release dstpath
-)");
-    EXPECT_EQ(destroy(&env, &dstpath), -2);
-    EXPECT_EQ(takeTrace(), R"(get dstpath
+)"},
+        {[&] { return destroy(&env, &dstpath); }, -2, R"(get dstpath
 I JNI native_destroydirsnapshot for dstpath [/no;/t]\n
 I ------DestroyDirSnapshot for dstpath [/no;/t] entry------\n
 I DestroyDirSnapshotInter for dstpath [/no;/t/snapshot] enter\n
+opendir /no;/t/snapshot = -1
 E Failed to open dir /no;/t/snapshot\n
 release dstpath
-)");
-    EXPECT_EQ(prepare(&env, &dirpath), -2);
-    EXPECT_EQ(takeTrace(), R"(get dirpath
+)"},
+        {[&] { return prepare(&env, &dirpath); }, -2, R"(get dirpath
 I JNI native_precreatedirsnapshot for dirpath [;/no/a;;/../b;]
 I ------PreCreateDirSnapshot entry------\n
+opendir /no/a = -1
 E Failed to open dir /no/a\n
 E fail to PreCreateSingleDirSnapshot ret = -2\n
 release dirpath
-)");
+)"},
+    });
 }
 
 using JniThreads = TestTree;
@@ -216,14 +220,18 @@ TEST_F(JniThreads, CallsOnDifferentTargetsDoNotMeet) {
         ScriptedEnv env;
         ScriptedString source("source", source_path.c_str());
         ScriptedString target("target", target_path.c_str());
+        FakeKernel kernel(root);
+        std::string seen;
+        const auto tell = [&](jint result) {
+            const std::string made = fs::exists(copy) ? read(copy) : "nothing";
+            seen += kernel.log() + "result " + std::to_string(result) + ", " + made + "\n";
+        };
         for (int round = 0; round < 10; ++round) {
-            note(std::to_string(prepare(&env, &source)) + " from prepare");
-            note(std::to_string(create(&env, &source, &target)) + " from create");
-            note(fs::exists(copy) ? "made" : "not made");
-            note(std::to_string(destroy(&env, &target)) + " from destroy");
-            note(fs::exists(copy) ? "not removed" : "removed");
+            tell(kernel.run([&] { return prepare(&env, &source); }));
+            tell(kernel.run([&] { return create(&env, &source, &target); }));
+            tell(kernel.run([&] { return destroy(&env, &target); }));
         }
-        return takeTrace();
+        return seen;
     };
     std::array<std::string, 8> seen;
     std::vector<std::thread> threads;
@@ -234,43 +242,13 @@ TEST_F(JniThreads, CallsOnDifferentTargetsDoNotMeet) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    // Each thread saw what one alone sees.
+    // Each thread saw what one alone sees: in the second round the file is layered already.
     for (size_t caller = 0; caller < seen.size(); ++caller) {
+        fs::remove_all(at("source" + std::to_string(caller)));
         const std::string alone = run(caller);
         EXPECT_EQ(seen[caller], alone);
-        EXPECT_NE(alone.find("0 from create\nmade\n"), std::string::npos) << alone;
+        EXPECT_NE(alone.find("result 0, content\n"), std::string::npos) << alone;
     }
 }
 
 }  // namespace
-
-extern "C" {
-
-int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
-    char line[4096];
-    va_list arguments;
-    va_start(arguments, fmt);
-    vsnprintf(line, sizeof line, fmt, arguments);
-    va_end(arguments);
-    EXPECT_STREQ(tag, "f2fs_snapshot_native");
-    const char* kind = prio == ANDROID_LOG_INFO ? "I " : prio == ANDROID_LOG_ERROR ? "E " : "? ";
-    note(std::string(kind) + line);
-    return 1;
-}
-
-// A driver that grants everything and on which nothing ever changes. It keeps no state, so that
-// the threads share none through it.
-int ioctl(int /*fd*/, unsigned long request, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, request);
-    void* record = va_arg(arguments, void*);
-    va_end(arguments);
-    if (request == F2FS_IOC_MODIFY_CHECK) {
-        static_cast<modify_check_info*>(record)->flag = MODIFY_CHECK_UNCHANGED;
-    } else if (request == F2FS_IOC_DEDUP_GET_FILE_INFO) {
-        *static_cast<dedup_file_info*>(record) = {};
-    }
-    return 0;
-}
-
-}  // extern "C"
