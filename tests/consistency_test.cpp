@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <map>
+#include <sstream>
 #include <utility>
 
 #include "emulator_mount.h"
@@ -22,11 +23,14 @@
 
 namespace {
 
-// Two chains of files are written in turn, DOC0 and DOC1 are replaced in turn. The folders are
-// walked in another order.
-enum FileId : size_t { A, C = A + 2, D, F = D + 2, DOC0, DOC1 };
-constexpr std::array FILES = {"s/deep/er/A", "t/B",     "s/C",    "t/x/D",
-                              "s/deep/E",    "t/x/y/F", "s/doc0", "t/x/doc1"};
+// A, B and C are written in turn, DOC0 and DOC1 are replaced in turn, and JOURNAL gets a line for a
+// transfer before the accounts have it. The folders are walked in another order.
+enum FileId : size_t { A, B, C, DOC0, DOC1, JOURNAL, ACCOUNT };
+constexpr std::array FILES = {"s/deep/er/A",     "t/B",         "s/C",          "s/doc0",
+                              "t/x/doc1",        "t/x/journal", "s/deep/money", "t/x/money",
+                              "s/deep/er/money", "t/money"};
+constexpr size_t ACCOUNTS = FILES.size() - ACCOUNT;
+constexpr long START_MONEY = 1000;
 constexpr size_t NEVER = SIZE_MAX;
 constexpr int64_t HALT = -1;
 constexpr int NAP = 100;  // microseconds
@@ -43,8 +47,8 @@ struct Shared {
 };
 
 // Long, so that half a change would show.
-std::string contentOf(size_t version) {
-    std::string text = std::to_string(version) + "\n";
+std::string contentOf(size_t version, long money = 0) {
+    std::string text = std::to_string(version) + " " + std::to_string(money) + "\n";
     text.resize(12000, static_cast<char>('a' + version % 26));
     return text;
 }
@@ -62,10 +66,10 @@ class ConsistencyTest : public EmulatedVolume {
         shared = new (mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                            MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
         fs::create_directory(at("elsewhere"));
-        for (const char* file : FILES) {
-            const fs::path path = at(file);
+        for (size_t file = 0; file < FILES.size(); ++file) {
+            const fs::path path = at(FILES[file]);
             fs::create_directories(path.parent_path());
-            write(path, contentOf(0));
+            write(path, file == JOURNAL ? "" : contentOf(0, file > JOURNAL ? START_MONEY : 0));
             write(path.string() + ".rest", "a file that nobody changes");
         }
     }
@@ -95,36 +99,65 @@ class ConsistencyTest : public EmulatedVolume {
         return true;
     }
 
+    // Makes one change of a file, at its turn, and notes between which times.
+    template <typename Make>
+    void change(size_t file, Make make) {
+        waitForTurn();
+        Shared::History& history = shared->files[file];
+        const size_t version = history.latest + 1;
+        history.done[version % history.KEPT] = NEVER;
+        history.begun[version % history.KEPT] = shared->clock++;
+        history.latest = version;
+        if (!make(version)) {
+            perror(FILES[file]);
+            _exit(1);
+        }
+        history.done[version % history.KEPT] = shared->clock++;
+    }
     // Written by one call, so that no snapshot can hold half of it.
-    static bool put(const std::string& path, const std::string& text, int flags) {
+    static bool put(const std::string& path, const std::string& text, int flags = 0) {
         const int fd = open(path.c_str(), O_WRONLY | flags, 0600);
         const bool done =
             ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
         return close(fd) == 0 && done;
     }
-    // Changes files in turn: in place or, as most programs save, by a new file that takes the name.
-    int changeInTurn(size_t first, size_t last, bool in_place) {
+
+    int writeInTurn() {
+        for (size_t file = A;; file = file == C ? A : file + 1) {
+            change(file, [&](size_t version) { return put(at(FILES[file]), contentOf(version)); });
+        }
+    }
+    // As most programs save: by a new file that takes the name.
+    int replaceInTurn() {
         const std::string made = at("elsewhere/new");
-        for (size_t file = first;; file = file == last ? first : file + 1) {
-            const std::string path = at(FILES[file]);
-            Shared::History& history = shared->files[file];
-            const size_t version = history.latest + 1;
-            waitForTurn();
-            bool done = in_place || put(made, contentOf(version), O_CREAT | O_TRUNC);
-            history.done[version % history.KEPT] = NEVER;
-            history.begun[version % history.KEPT] = shared->clock++;
-            history.latest = version;
-            done = done && (in_place ? put(path, contentOf(version), 0)
-                                     : rename(made.c_str(), path.c_str()) == 0);
-            history.done[version % history.KEPT] = shared->clock++;
-            if (!done) {
-                perror(FILES[file]);
-                return 1;
+        for (size_t file = DOC0;; file = file == DOC1 ? DOC0 : DOC1) {
+            put(made, contentOf(shared->files[file].latest + 1), O_CREAT | O_TRUNC);
+            change(file, [&](size_t /*version*/) {
+                return rename(made.c_str(), at(FILES[file]).c_str()) == 0;
+            });
+        }
+    }
+    int transferMoney() {
+        std::vector<long> money(ACCOUNTS, START_MONEY);
+        for (;;) {
+            const size_t from = random.below(ACCOUNTS);
+            const size_t to = (from + 1 + random.below(ACCOUNTS - 1)) % ACCOUNTS;
+            const auto amount = static_cast<long>(random.below(100));
+            const std::string line = std::to_string(amount) + "\n";
+            change(JOURNAL,
+                   [&](size_t /*version*/) { return put(at(FILES[JOURNAL]), line, O_APPEND); });
+            money[from] -= amount;
+            money[to] += amount;
+            for (const size_t i : {from, to}) {
+                change(ACCOUNT + i, [&](size_t version) {
+                    return put(at(FILES[ACCOUNT + i]), contentOf(version, money[i]));
+                });
             }
         }
     }
-    void startWriter(size_t first, size_t last, bool in_place) {
-        writers.push_back(startChild([&] { return changeInTurn(first, last, in_place); }));
+    template <typename Writer>
+    void startWriter(Writer writer) {
+        writers.push_back(startChild(writer));
     }
 
     int32_t create() {
@@ -195,24 +228,52 @@ class ConsistencyTest : public EmulatedVolume {
         }
     }
 
+    struct Held {
+        size_t version = 0;
+        long money = 0;  // in the journal: of the last transfer
+    };
+    Held heldBySnapshot(size_t file) const {
+        const std::string text = read(at("target/snapshot") + at(FILES[file]));
+        std::istringstream fields(text);
+        Held held;
+        if (file == JOURNAL) {
+            for (long amount = 0; fields >> amount; held.money = amount) {
+                ++held.version;
+            }
+        } else {
+            fields >> held.version >> held.money;
+            EXPECT_EQ(text, contentOf(held.version, held.money)) << FILES[file] << " is torn";
+        }
+        return held;
+    }
+
     // One of the instants between two points of the clock explains all versions.
     void expectOneInstant(size_t from, size_t until) {
         bool left_out = false;
+        std::array<Held, FILES.size()> held;
         for (size_t file = 0; file < FILES.size(); ++file) {
-            const std::string text = read(at("target/snapshot") + at(FILES[file]));
-            const size_t held = strtoul(text.c_str(), nullptr, 10);
-            ASSERT_EQ(text, contentOf(held)) << FILES[file] << " is torn";
+            held[file] = heldBySnapshot(file);
+            const size_t version = held[file].version;
             const Shared::History& history = shared->files[file];
-            ASSERT_LE(held, history.latest) << FILES[file];
-            ASSERT_LT(history.latest - held, history.KEPT) << FILES[file];
-            from = std::max(from, history.begun[held % history.KEPT].load());
-            if (held < history.latest) {
-                until = std::min(until, history.done[(held + 1) % history.KEPT].load());
+            ASSERT_LE(version, history.latest) << FILES[file];
+            ASSERT_LT(history.latest - version, history.KEPT) << FILES[file];
+            from = std::max(from, history.begun[version % history.KEPT].load());
+            if (version < history.latest) {
+                until = std::min(until, history.done[(version + 1) % history.KEPT].load());
                 left_out = true;
             }
         }
         EXPECT_LT(from, until) << "no instant explains all files";
         with_left_out += left_out ? 1 : 0;
+        // The same, without a clock: what the writers' programs rely on.
+        for (const auto& [first, second] : {std::pair{A, B}, {B, C}, {DOC0, DOC1}}) {
+            EXPECT_LE(held[first].version - held[second].version, 1U) << FILES[first];
+        }
+        long lost = static_cast<long>(ACCOUNTS) * START_MONEY;
+        for (size_t account = ACCOUNT; account < FILES.size(); ++account) {
+            lost -= held[account].money;
+        }
+        EXPECT_TRUE(lost == 0 || lost == held[JOURNAL].money) << lost;
     }
 
     Shared* shared = nullptr;
@@ -229,9 +290,9 @@ class ConsistencyTest : public EmulatedVolume {
 TEST_F(ConsistencyTest, EverySnapshotAmongWritersIsOfOneInstant) {
     makeFiles();
     measureQuietCreate();
-    startWriter(A, C, true);
-    startWriter(D, F, true);
-    startWriter(DOC0, DOC1, false);
+    startWriter([&] { return writeInTurn(); });
+    startWriter([&] { return replaceInTurn(); });
+    startWriter([&] { return transferMoney(); });
     const int wanted = rounds(15, 600);
     // Some more where luck has not brought every case yet.
     const auto met_all = [&] { return remade > 0 && with_left_out > 0; };
