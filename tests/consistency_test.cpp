@@ -150,6 +150,27 @@ class ConsistencyTest : public EmulatedVolume {
         quiet_calls = kernel->calls;
     }
 
+    // How far a create is.
+    struct Progress {
+        size_t now = 0;   // the clock before the call
+        size_t from = 0;  // between these two points the latest pass starts
+        size_t until = 0;
+        size_t checked = 0;  // by that pass
+        size_t passes = 0;
+    };
+    void follow(const std::string& call, Progress& progress) {
+        // The call comes between this reading of the clock and the next.
+        const size_t previous = std::exchange(progress.now, shared->clock++);
+        if (checks(call) && ++progress.checked == 1) {
+            progress.from = previous;
+            progress.until = progress.now;
+            ++progress.passes;
+        } else if (takes(call)) {
+            remade += progress.passes > 0 ? 1 : 0;
+            progress.checked = 0;
+        }
+    }
+
     // One create under writers that follow it. They are fast until some call, with a last burst
     // right there; from then on they rest, or change a file now and then, so that a pass has a
     // chance; but when it is almost through they may be fast again.
@@ -157,38 +178,26 @@ class ConsistencyTest : public EmulatedVolume {
         const size_t turn = random.below(quiet_calls * 3 / 2);
         const int64_t later = random.below(3) == 0 ? HALT : quiet_time * (1 << random.below(3));
         const size_t late = random.below(2) == 0 ? NEVER : quiet_checks - random.below(4);
-        size_t checked = 0;
-        size_t passes = 0;
-        size_t now = shared->clock++;
-        size_t from = 0;
-        size_t until = 0;
+        Progress progress;
+        progress.now = shared->clock++;
         kernel->before = [&](const std::string& call) {
-            // The call comes between this reading of the clock and the next.
-            const size_t previous = std::exchange(now, shared->clock++);
-            if (checks(call) && ++checked == 1) {
-                from = previous;
-                until = now;
-                ++passes;
-            } else if (takes(call)) {
-                remade += passes > 0 ? 1 : 0;
-                checked = 0;
-            }
+            follow(call, progress);
             if (kernel->calls == turn) {
                 shared->gap = 0;
                 usleep(1000);
                 halt();
             }
             if (kernel->calls >= turn) {
-                shared->gap = checked >= late ? 0 : later;
+                shared->gap = progress.checked >= late ? 0 : later;
             }
         };
         shared->gap = random.below(2) == 0 ? 0 : quiet_time / 8;
         const int32_t ret = create();
         EXPECT_TRUE(halt()) << "a writer has failed";
         ++creates[ret];
-        all_passes += passes;
+        all_passes += progress.passes;
         if (ret == 0) {
-            expectOneInstant(from, until);
+            expectOneInstant(progress.from, progress.until);
         } else {
             EXPECT_TRUE(ret == -1 || ret == -11) << ret;
             EXPECT_FALSE(fs::exists(at("target/snapshot"))) << ret;

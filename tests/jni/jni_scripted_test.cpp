@@ -208,10 +208,10 @@ release dirpath
     });
 }
 
-using JniThreads = TestTree;
-
-TEST_F(JniThreads, CallsOnDifferentTargetsDoNotMeet) {
-    const auto run = [&](size_t caller) {
+class JniThreads : public TestTree {
+  protected:
+    // Calls the bridge with paths of the caller's own. Returns all that it saw.
+    std::string run(size_t caller) const {
         const std::string source_path = at("source" + std::to_string(caller));
         const std::string target_path = at("target" + std::to_string(caller));
         const std::string copy = target_path + "/snapshot" + source_path + "/d/file";
@@ -240,7 +240,10 @@ TEST_F(JniThreads, CallsOnDifferentTargetsDoNotMeet) {
             tell(kernel.run([&] { return destroy(&env, &target); }));
         }
         return seen;
-    };
+    }
+};
+
+TEST_F(JniThreads, CallsOnDifferentTargetsDoNotMeet) {
     std::array<std::string, 8> seen;
     std::vector<std::thread> threads;
     threads.reserve(seen.size());
