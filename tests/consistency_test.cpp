@@ -3,6 +3,7 @@
 // Every change has a version and an interval of a clock that all processes share. A snapshot is
 // right when one point of that clock lies, for every file, after the version it holds was begun and
 // before the next one was done.
+#include <ctype.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 
@@ -131,6 +132,8 @@ class ConsistencyTest : public EmulatedVolume {
     int replaceInTurn() {
         const std::string made = at("elsewhere/new");
         for (size_t file = DOC0;; file = file == DOC1 ? DOC0 : DOC1) {
+            // Now and then only: a file that goes away fails the create.
+            usleep(static_cast<useconds_t>(random.below(static_cast<size_t>(quiet_time) / 4)));
             put(made, contentOf(shared->files[file].latest + 1), O_CREAT | O_TRUNC);
             change(file, [&](size_t /*version*/) {
                 return rename(made.c_str(), at(FILES[file]).c_str()) == 0;
@@ -163,7 +166,10 @@ class ConsistencyTest : public EmulatedVolume {
     int32_t create() {
         return kernel->run([&] { return CreateDirSnapshot({at("s"), at("t")}, at("target")); });
     }
-    // Is a file's mark asked for, or its data taken?
+    // Does a call go to the driver? Is a file's mark asked for, or its data taken?
+    static bool isRequest(const std::string& call) {
+        return isupper(static_cast<unsigned char>(call[0])) != 0;
+    }
     static bool checks(const std::string& call) {
         return call.rfind("MODIFY_CHECK", 0) == 0 && call.find(", 0x8}") != std::string::npos;
     }
@@ -171,57 +177,73 @@ class ConsistencyTest : public EmulatedVolume {
         return call.rfind("SNAPSHOT_CREATE", 0) == 0;
     }
 
-    // Learns how many calls and checks a create has, and how long it takes.
+    // Learns how many requests and checks a create has, and how long it takes.
     void measureQuietCreate() {
         kernel.emplace(volume.mount());
         kernel->has_driver = false;
-        kernel->before = [&](const std::string& call) { quiet_checks += checks(call) ? 1 : 0; };
+        kernel->before = [&](const std::string& call) {
+            quiet_requests += isRequest(call) ? 1 : 0;
+            quiet_checks += checks(call) ? 1 : 0;
+        };
         const auto begin = std::chrono::steady_clock::now();
         ASSERT_EQ(create(), 0);
         const auto taken = std::chrono::steady_clock::now() - begin;
         quiet_time = std::chrono::duration_cast<std::chrono::microseconds>(taken).count() + 8;
-        quiet_calls = kernel->calls;
     }
 
-    // One create under writers that follow it. They are fast until some call, with a last burst
+    // How far a create is.
+    struct Progress {
+        size_t requests = 0;
+        size_t now = 0;   // the clock before the latest
+        size_t from = 0;  // between these two points the latest pass starts
+        size_t until = 0;
+        size_t checked = 0;  // by that pass
+        size_t passes = 0;
+    };
+    void follow(const std::string& call, Progress& progress) {
+        ++progress.requests;
+        // The request comes between this reading of the clock and the next.
+        const size_t previous = std::exchange(progress.now, shared->clock++);
+        if (checks(call) && ++progress.checked == 1) {
+            progress.from = previous;
+            progress.until = progress.now;
+            ++progress.passes;
+        } else if (takes(call)) {
+            remade += progress.passes > 0 ? 1 : 0;
+            progress.checked = 0;
+        }
+    }
+
+    // One create under writers that follow it. They are fast until some request, with a last burst
     // right there; from then on they rest, or change a file now and then, so that a pass has a
     // chance; but when it is almost through they may be fast again.
     void attack() {
-        const size_t turn = random.below(quiet_calls * 3 / 2);
+        const size_t turn = random.below(quiet_requests * 3 / 2);
         const int64_t later = random.below(3) == 0 ? HALT : quiet_time * (1 << random.below(3));
         const size_t late = random.below(2) == 0 ? NEVER : quiet_checks - random.below(4);
-        size_t checked = 0;
-        size_t passes = 0;
-        size_t now = shared->clock++;
-        size_t from = 0;
-        size_t until = 0;
+        Progress progress;
+        progress.now = shared->clock++;
         kernel->before = [&](const std::string& call) {
-            // The call comes between this reading of the clock and the next.
-            const size_t previous = std::exchange(now, shared->clock++);
-            if (checks(call) && ++checked == 1) {
-                from = previous;
-                until = now;
-                ++passes;
-            } else if (takes(call)) {
-                remade += passes > 0 ? 1 : 0;
-                checked = 0;
+            if (!isRequest(call)) {
+                return;
             }
-            if (kernel->calls == turn) {
+            follow(call, progress);
+            if (progress.requests == turn) {
                 shared->gap = 0;
                 usleep(1000);
                 halt();
             }
-            if (kernel->calls >= turn) {
-                shared->gap = checked >= late ? 0 : later;
+            if (progress.requests >= turn) {
+                shared->gap = progress.checked >= late ? 0 : later;
             }
         };
         shared->gap = random.below(2) == 0 ? 0 : quiet_time / 8;
         const int32_t ret = create();
         EXPECT_TRUE(halt()) << "a writer has failed";
         ++creates[ret];
-        all_passes += passes;
+        all_passes += progress.passes;
         if (ret == 0) {
-            expectOneInstant(from, until);
+            expectOneInstant(progress.from, progress.until);
         } else {
             EXPECT_TRUE(ret == -1 || ret == -11) << ret;
             EXPECT_FALSE(fs::exists(at("target/snapshot"))) << ret;
@@ -280,7 +302,7 @@ class ConsistencyTest : public EmulatedVolume {
     std::vector<pid_t> writers;
     Random random;
     std::optional<FakeKernel> kernel;
-    size_t quiet_calls = 0;
+    size_t quiet_requests = 0;
     size_t quiet_checks = 0;
     int64_t quiet_time = 0;          // microseconds
     std::map<int32_t, int> creates;  // by result

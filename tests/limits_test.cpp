@@ -1,8 +1,5 @@
 // Where the promise of one instant ends: each limit made to happen at an exact call, among the
 // cases next to it that the promise covers.
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <sstream>
 
 #include "fake_kernel.h"
@@ -139,18 +136,6 @@ TEST_F(LimitsTest, TwoSourcesThatAreOneFolder) {
     EXPECT_EQ(create({at("s"), at("again")}, "opendir $/again", 1, "put s/a new"), 0);
     EXPECT_EQ(listing(at("d/snapshot") + at("s")), OLD);
     EXPECT_EQ(listing(at("d/snapshot") + at("again")), NEW_A);
-}
-
-TEST_F(LimitsTest, NothingButDataIsCarriedOver) {
-    fill();
-    const timespec long_ago[] = {{1000, 0}, {1000, 0}};
-    ASSERT_EQ(chmod(at("s/a").c_str(), 0751), 0);
-    ASSERT_EQ(utimensat(AT_FDCWD, at("s/a").c_str(), long_ago, 0), 0);
-    EXPECT_EQ(create({at("s")}, "", 1, ""), 0);
-    struct stat copy = {};
-    ASSERT_EQ(stat((at("d/snapshot") + at("s/a")).c_str(), &copy), 0);
-    EXPECT_EQ(copy.st_mode & 07777U, 0440U);
-    EXPECT_NE(copy.st_mtime, 1000);
 }
 
 }  // namespace

@@ -16,44 +16,23 @@ constexpr auto create = Java_com_storage_f2fs_libsnapshot_native_createdirsnapsh
 constexpr auto destroy = Java_com_storage_f2fs_libsnapshot_native_destroydirsnapshot;
 constexpr auto prepare = Java_com_storage_f2fs_libsnapshot_native_precreatedirsnapshot;
 
-// The VM of this process, started when a test first needs it: listing the tests starts none.
-JNIEnv* vmEnvironment() {
-    static JNIEnv* const environment = [] {
-        JavaVMOption options[] = {{const_cast<char*>("-Xcheck:jni"), nullptr}};
-        JavaVMInitArgs arguments = {JNI_VERSION_1_6, std::size(options), options, JNI_FALSE};
-        JavaVM* vm = nullptr;
-        void* env = nullptr;
-        const jint started = JNI_CreateJavaVM(&vm, &env, &arguments);
-        return started == JNI_OK ? static_cast<JNIEnv*>(env) : nullptr;
-    }();
-    return environment;
+JNIEnv* startVm() {
+    JavaVMOption options[] = {{const_cast<char*>("-Xcheck:jni"), nullptr}};
+    JavaVMInitArgs arguments = {JNI_VERSION_1_6, std::size(options), options, JNI_FALSE};
+    JavaVM* vm = nullptr;
+    void* env = nullptr;
+    const jint started = JNI_CreateJavaVM(&vm, &env, &arguments);
+    return started == JNI_OK ? static_cast<JNIEnv*>(env) : nullptr;
 }
 
-class JniCalls : public EmulatedVolume {
-  protected:
-    void SetUp() override {
-        EmulatedVolume::SetUp();
-        if (IsSkipped() || HasFatalFailure()) {
-            return;
-        }
-        env = vmEnvironment();
-        ASSERT_NE(env, nullptr);
-        ASSERT_EQ(env->PushLocalFrame(32), JNI_OK);
-    }
-    void TearDown() override {
-        if (env != nullptr) {
-            env->PopLocalFrame(nullptr);
-        }
-        EmulatedVolume::TearDown();
-    }
-    // A java.lang.String of ASCII characters and then of UTF-16 ones.
-    jstring java(const std::string& ascii, const std::u16string& rest = u"") {
-        std::vector<jchar> units(ascii.begin(), ascii.end());
-        units.insert(units.end(), rest.begin(), rest.end());
-        return env->NewString(units.data(), static_cast<jsize>(units.size()));
-    }
-    JNIEnv* env = nullptr;
-};
+// A java.lang.String of ASCII characters and then of UTF-16 ones.
+jstring java(JNIEnv* env, const std::string& ascii, const std::u16string& rest) {
+    std::vector<jchar> units(ascii.begin(), ascii.end());
+    units.insert(units.end(), rest.begin(), rest.end());
+    return env->NewString(units.data(), static_cast<jsize>(units.size()));
+}
+
+using JniCalls = EmulatedVolume;
 
 // Names with characters of every kind, and their bytes.
 TEST_F(JniCalls, PathsAreModifiedUtf8) {
@@ -63,12 +42,14 @@ TEST_F(JniCalls, PathsAreModifiedUtf8) {
         {u"\U0001F4F7", "\xED\xA0\xBD\xED\xB3\xB7"},
         {{u'x', 0, u'y'}, "x\xC0\x80y"},
     };
+    JNIEnv* const env = startVm();
+    ASSERT_NE(env, nullptr);
     fs::create_directory(at("other"));
     for (const auto& [name, bytes] : names) {
         const std::string source = at("source-" + bytes);
         const std::string target = at("one;target-" + bytes);
-        jstring sources = java(";" + at("other") + ";;" + at("source-"), name);
-        jstring java_target = java(at("one;target-"), name);
+        jstring sources = java(env, ";" + at("other") + ";;" + at("source-"), name);
+        jstring java_target = java(env, at("one;target-"), name);
         fs::create_directories(source);
         write(source + "/file", bytes);
         EXPECT_EQ(prepare(env, sources), 0) << bytes;
