@@ -1,6 +1,7 @@
 // The emulator killed at any instant, and what somebody can do who puts links in the way.
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -166,6 +167,38 @@ TEST_F(SwapTest, AMountWithNosymfollowClosesIt) {
     if (!is_known) {
         GTEST_SKIP() << "this kernel does not know the mount option nosymfollow";
     }
+}
+
+// How often the window of destroy is hit by somebody who waits for its first removal and then puts
+// a link in the place of a folder.
+TEST_F(SwapTest, AFolderSwappedInARace) {
+    int emptied = 0;
+    const int destroys = rounds(20, 1000);
+    for (int round = 0; round < destroys; ++round) {
+        fill();
+        const std::string swapped = at("d/snapshot/m");
+        fs::create_directories(swapped);
+        for (int i = 0; i < 30; ++i) {
+            write(at("d/snapshot/" + std::to_string(i)), "");
+        }
+        const int watch = inotify_init1(IN_CLOEXEC);
+        ASSERT_GE(inotify_add_watch(watch, at("d/snapshot").c_str(), IN_DELETE), 0);
+        const pid_t swapper = startChild([&] {
+            char event[4096];
+            const bool moved = ::read(watch, event, sizeof event) > 0 &&
+                               rename(swapped.c_str(), at("aside/it").c_str()) == 0;
+            return moved ? symlink(at("out").c_str(), swapped.c_str()) : 1;
+        });
+        const int status = runProcess({F2FS_SNAPSHOT_TOOL_PATH, "destroy", at("d")}).status;
+        endChild(swapper);
+        close(watch);
+        const bool hit = !fs::exists(at("out/f"));
+        emptied += hit ? 1 : 0;
+        EXPECT_TRUE(!hit || status == 255) << status;
+        EXPECT_EQ(read(at("s/f")), "data") << "what no link named";
+    }
+    std::cout << emptied << " of " << destroys << " destroys emptied the folder that a link named"
+              << std::endl;
 }
 
 // A pipe that takes a file's place just before the file is opened for reading makes the call wait

@@ -1,4 +1,5 @@
-// What the operations do where descriptors or disk space run out.
+// What the operations do where descriptors, disk space or permission run out.
+#include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -82,6 +83,50 @@ TEST_F(ResourceTest, DescriptorLimits) {
     }
 }
 
+TEST_F(ResourceTest, PermissionsOfAnOrdinaryUser) {
+    constexpr uid_t NOBODY = 65534;
+    const bool is_root = geteuid() == 0;
+    const auto asUser = [=](const std::function<int32_t()>& operation) {
+        const int status = endChild(startChild([&] {
+            const bool is_user = !is_root || (setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 &&
+                                              setuid(NOBODY) == 0);
+            return is_user ? operation() : BROKEN;
+        }));
+        return static_cast<int8_t>(status);
+    };
+    const struct {
+        std::string path;  // whose mode is
+        mode_t mode;
+        bool has_snapshot;  // while these run:
+        int32_t prepare, create, destroy;
+    } table[] = {
+        {source, 0555, false, -2, -2, -2},        {source, 0000, false, -2, -2, -2},
+        {source + "/d", 0555, false, -2, -2, -2}, {source + "/f", 0444, false, -2, -2, -2},
+        {target, 0555, false, 0, -1, -2},         {target, 0000, false, 0, -1, -2},
+        {mirror(), 0555, true, 0, -1, -1},        {mirror() + "/d", 0000, true, 0, -1, -1},
+    };
+    chmod(volume.root().c_str(), 0755);
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.path + " " + std::to_string(row.mode));
+        makeSource(2);
+        fs::create_directory(target);
+        for (const auto& entry : fs::recursive_directory_iterator(volume.mount())) {
+            ASSERT_TRUE(!is_root || chown(entry.path().c_str(), NOBODY, NOBODY) == 0);
+        }
+        ASSERT_TRUE(!row.has_snapshot || asUser(create) == 0);
+        const std::vector<std::string> before = dump(source);
+        const int mode = modeOf(row.path);
+        ASSERT_EQ(chmod(row.path.c_str(), row.mode), 0);
+        EXPECT_EQ(asUser(prepare), row.prepare);
+        EXPECT_EQ(asUser(create), row.create);
+        EXPECT_EQ(asUser(destroy), row.destroy);
+        ASSERT_EQ(chmod(row.path.c_str(), static_cast<mode_t>(mode)), 0);
+        EXPECT_EQ(dump(source), before);
+        EXPECT_EQ(fs::exists(target + "/snapshot"), row.has_snapshot);
+        expectNextRound();
+    }
+}
+
 // A small file system of memory, mounted where nobody else sees it.
 class SmallDisk : public ResourceTest {
   protected:
@@ -142,6 +187,23 @@ TEST_F(SmallDisk, IsFullAtEveryStep) {
         ASSERT_TRUE(leaveFree(what, 4000));
         expectNextRound();
     }
+}
+
+TEST_F(SmallDisk, IsReadOnly) {
+    makeSource(3);
+    ASSERT_EQ(create(), 0);
+    const std::vector<std::string> before = dump(volume.mount());
+    const auto remount = [&](unsigned long flag) {
+        return mount(nullptr, volume.mount().c_str(), nullptr, MS_REMOUNT | MS_BIND | flag,
+                     nullptr);
+    };
+    ASSERT_EQ(remount(MS_RDONLY), 0);
+    EXPECT_EQ(prepare(), -2);
+    EXPECT_EQ(create(), -1);
+    EXPECT_EQ(destroy(), -1);
+    EXPECT_EQ(dump(volume.mount()), before);
+    ASSERT_EQ(remount(0), 0);
+    expectNextRound();
 }
 
 }  // namespace
