@@ -169,20 +169,20 @@ void nothingBefore() {}
 struct Operation {
     const char* name;
     bool layered;
+    int times;  // in a turn; what changes nothing can be done again
     void (*before)();
     void (*engine)();
     void (*bare)(const Plan&);
     void (*after)();
-    int times = 1;  // in a turn; what changes nothing can be done again
 };
 
 constexpr Operation OPERATIONS[] = {
-    {"prepare", false, nothingBefore, prepare, barePrepare, nothingBefore},
-    {"prepare, layered before", true, nothingBefore, prepare, barePrepare, nothingBefore, 5},
-    {"create", false, nothingBefore, create, bareCreate, destroy},
-    {"create, layered before", true, nothingBefore, create, bareCreate, destroy},
-    {"check", false, create, check, bareCheck, destroy, 5},
-    {"destroy", false, create, destroy, bareDestroy, nothingBefore},
+    {"prepare", false, 1, nothingBefore, prepare, barePrepare, nothingBefore},
+    {"prepare, layered before", true, 5, nothingBefore, prepare, barePrepare, nothingBefore},
+    {"create", false, 1, nothingBefore, create, bareCreate, destroy},
+    {"create, layered before", true, 1, nothingBefore, create, bareCreate, destroy},
+    {"check", false, 5, create, check, bareCheck, destroy},
+    {"destroy", false, 1, create, destroy, bareDestroy, nothingBefore},
 };
 
 // Measures one of the two forms of an operation, with what must be there before and go after.

@@ -55,7 +55,7 @@ def table(part, head, rows):
 
 def plot(name, data, commands):
     style = """set terminal svg size 720,400 font "sans-serif,13" background "white" noenhanced
-        set grid ytics lc rgb "#dddddd"; set border 3; set tics nomirror; set key top left
+        set grid ytics lc rgb "#dddddd"; set border 3; set tics nomirror; set key outside top center horizontal
         set style line 1 lc rgb "#1b6ca8" lw 2 pt 7; set style line 2 lc rgb "#d1495b" lw 2 pt 5
         """
     block = "$data << END\n" + "\n".join("\t".join(map(str, row)) for row in data) + "\nEND\n"
@@ -115,7 +115,7 @@ def scale():
                     *quartiles(per_unit(records, "destroy"))]
                    for records in load("scale").values()],
          """set logscale x; set format x "%.0s%c"; set xlabel "files"; set xrange [700:1400000]
-        set ylabel "µs per file"; set yrange [0:*]; set key bottom left
+        set ylabel "µs per file"; set yrange [0:*]
         plot $data using 1:3:2:4 with yerrorlines ls 1 title "create", \\
              $data using 1:6:5:7 with yerrorlines ls 2 title "destroy" """)
 
@@ -140,7 +140,7 @@ def peers():
                      middle(per_unit(records, "remove"))])
     plot("peers", [bar for bar in bars if "emulator" not in bar[0]],
          """set style data histograms; set style fill solid 0.9; set boxwidth 0.9; set bmargin 4
-        set ylabel "µs per file"; set yrange [0:*]; set xtics scale 0; set key top right
+        set ylabel "µs per file"; set yrange [0:*]; set xtics scale 0
         plot $data using 2:xtic(1) ls 1 title "make", $data using 3 ls 2 title "remove" """)
 
 

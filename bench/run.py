@@ -123,9 +123,10 @@ def grow(sources):
     records = []
     for _ in range(1 if smoke else 5):
         for name, (source, units) in sources.items():
-            records.append({"name": name, "units": units,
-                            "create": run([tool, "create", source, target], stubs),
-                            "destroy": run([tool, "destroy", target], stubs)})
+            for _ in range(1 if smoke or units > 10_000 else 5):  # short runs scatter more
+                records.append({"name": name, "units": units,
+                                "create": run([tool, "create", source, target], stubs),
+                                "destroy": run([tool, "destroy", target], stubs)})
     peaks = {name: peak_kib([tool, "create", source, target], stubs)
              for name, (source, _) in sources.items()}
     return [{**record, "peak_kib": peaks[record["name"]]} for record in records]

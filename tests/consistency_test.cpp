@@ -200,7 +200,7 @@ class ConsistencyTest : public EmulatedVolume {
         size_t checked = 0;  // by that pass
         size_t passes = 0;
     };
-    void follow(const std::string& call, Progress& progress) {
+    void follow(const std::string& call) {
         ++progress.requests;
         // The request comes between this reading of the clock and the next.
         const size_t previous = std::exchange(progress.now, shared->clock++);
@@ -221,13 +221,13 @@ class ConsistencyTest : public EmulatedVolume {
         const size_t turn = random.below(quiet_requests * 3 / 2);
         const int64_t later = random.below(3) == 0 ? HALT : quiet_time * (1 << random.below(3));
         const size_t late = random.below(2) == 0 ? NEVER : quiet_checks - random.below(4);
-        Progress progress;
+        progress = {};
         progress.now = shared->clock++;
-        kernel->before = [&](const std::string& call) {
+        kernel->before = [this, turn, later, late](const std::string& call) {
             if (!isRequest(call)) {
                 return;
             }
-            follow(call, progress);
+            follow(call);
             if (progress.requests == turn) {
                 shared->gap = 0;
                 usleep(1000);
@@ -304,7 +304,8 @@ class ConsistencyTest : public EmulatedVolume {
     std::optional<FakeKernel> kernel;
     size_t quiet_requests = 0;
     size_t quiet_checks = 0;
-    int64_t quiet_time = 0;          // microseconds
+    int64_t quiet_time = 0;  // microseconds
+    Progress progress;
     std::map<int32_t, int> creates;  // by result
     size_t all_passes = 0, remade = 0, with_left_out = 0;
 };

@@ -41,6 +41,7 @@ class CrashTest : public ToolOnVolume {
             }
         };
         const int32_t ret = create();
+        kernel.before = nullptr;
         EXPECT_EQ(endChild(killer), 0);
         volume.kill9();
         return ret;
