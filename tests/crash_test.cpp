@@ -1,9 +1,11 @@
-// The emulator killed at any instant, and what somebody can do who puts links in the way.
+// Tool and emulator killed at any instant, and what somebody can do who puts links in the way.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+
+#include <functional>
 
 #include "fake_kernel.h"
 #include "snapshot.h"
@@ -50,6 +52,44 @@ class CrashTest : public ToolOnVolume {
     FakeKernel kernel{volume.root()};
     Random random;
 };
+
+// What the driver holds of a killed process stays: marks, layered files, half a snapshot.
+TEST_F(CrashTest, TheToolIsKilled) {
+    const std::function<int32_t()> operations[] = {
+        [&] { return DestroyDirSnapshot(target); },
+        [&] { return PreCreateDirSnapshot({source}); },
+        [&] { return CreateDirSnapshot({source}, target); },
+    };
+    constexpr size_t KINDS = std::size(operations);
+    const auto makeReady = [&](size_t kind) {
+        makeSource();
+        return kind != 0 ? 0 : create();
+    };
+    size_t calls[KINDS] = {};
+    for (size_t kind = 0; kind < KINDS; ++kind) {
+        ASSERT_EQ(makeReady(kind), 0);
+        ASSERT_EQ(kernel.run(operations[kind]), 0);
+        calls[kind] = kernel.calls;
+    }
+    for (int round = rounds(9, 300); round > 0 && !HasFailure(); --round) {
+        const size_t kind = static_cast<size_t>(round) % KINDS;
+        expectDestroy();
+        ASSERT_EQ(makeReady(kind), 0);
+        const std::vector<std::string> before = dump(source);
+        const size_t turn = 1 + random.below(calls[kind]);
+        kernel.before = [this, turn](const std::string& /*call*/) {
+            if (kernel.calls == turn) {
+                raise(SIGKILL);
+            }
+        };
+        const auto killed = [&] { return kernel.run(operations[kind]); };
+        EXPECT_EQ(endChild(startChild(killed)), 128 + SIGKILL);
+        kernel.before = nullptr;
+        EXPECT_EQ(run("create"), 0) << log;
+        EXPECT_EQ(dump(mirror()), before);
+        EXPECT_EQ(dump(source), before);
+    }
+}
 
 TEST_F(CrashTest, TheEmulatorIsKilled) {
     makeSource();
