@@ -12,8 +12,7 @@
 
 namespace {
 
-// The test's folder by a path that is the same in every run; "$" in traces.
-const std::string HERE = "/proc/self/cwd";
+// HERE is "$" in traces.
 const std::string S = HERE + "/s";
 const std::string D = HERE + "/d";
 const std::string MIRROR = D + "/snapshot" + S;
@@ -22,12 +21,7 @@ class EngineTest : public TestTree {
   protected:
     void SetUp() override {
         TestTree::SetUp();
-        fs::current_path(root);
         restart();
-    }
-    void TearDown() override {
-        fs::current_path("/");
-        TestTree::TearDown();
     }
     // For the next row of a table: empty folders, and a kernel that knows nothing of the last one.
     void restart() {

@@ -226,31 +226,15 @@ TEST_P(FaultSweep, SurvivesAKillAtEveryCall) {
     EXPECT_EQ(status, 0);
 }
 
-// What others make of s/1/b/c, or of its snapshot, where that is still there.
-using Disturbance = void (*)(const std::string& folder, const std::string& file);
-const std::pair<const char*, Disturbance> DISTURBANCES[] = {
-    {"deleted", [](const auto& /*folder*/, const auto& file) { unlink(file.c_str()); }},
-    {"renamed",
-     [](const auto& folder, const auto& file) { rename(file.c_str(), (folder + "/d").c_str()); }},
-    {"in the place of another file",
-     [](const auto& folder, const auto& file) {
-         rename(file.c_str(), (folder + "/../a").c_str());
-     }},
-    {"a folder now",
-     [](const auto& /*folder*/, const auto& file) {
-         unlink(file.c_str());
-         mkdir(file.c_str(), 0700);
-     }},
-    {"a link now",
-     [](const auto& /*folder*/, const auto& file) {
-         unlink(file.c_str());
-         symlink("../a", file.c_str());
-     }},
+// What others make of s/1/b/c, or of its snapshot, where that is still there; done in its folder.
+const std::pair<const char*, bool (*)()> DISTURBANCES[] = {
+    {"deleted", [] { return unlink("c") == 0; }},
+    {"renamed", [] { return rename("c", "d") == 0; }},
+    {"in the place of another file", [] { return rename("c", "../a") == 0; }},
+    {"a folder now", [] { return unlink("c") == 0 && mkdir("c", 0700) == 0; }},
+    {"a link now", [] { return unlink("c") == 0 && symlink("../a", "c") == 0; }},
     {"below a link now",
-     [](const auto& folder, const auto& /*file*/) {
-         rename(folder.c_str(), (folder + "/../aside").c_str());
-         symlink("aside", folder.c_str());
-     }},
+     [] { return rename("../b", "../aside") == 0 && symlink("aside", "../b") == 0; }},
 };
 
 TEST_P(FaultSweep, IsDisturbedAtEveryCall) {
@@ -264,8 +248,9 @@ TEST_P(FaultSweep, IsDisturbedAtEveryCall) {
             met = false;
             const int32_t ret = operate(kernel, [&, disturb = disturb](const std::string&) {
                 if (kernel.calls == nth) {
-                    disturb(folder, folder + "/c");
                     met = true;
+                    disturbances += chdir(folder.c_str()) == 0 && disturb() ? 1 : 0;
+                    fs::current_path(root);
                 }
             });
             SCOPED_TRACE(what + std::string(" at call ") + std::to_string(nth) + "\n" +
@@ -276,7 +261,6 @@ TEST_P(FaultSweep, IsDisturbedAtEveryCall) {
                 checkFailure(kernel.log());
             }
             checkNextRound(kernel);
-            disturbances += met ? 1 : 0;
             ASSERT_FALSE(HasFailure());
         }
     }

@@ -1,5 +1,10 @@
-// Where the promise of one instant ends: each limit made to happen at an exact call, among the
-// cases next to it that the promise covers.
+// Where the promises end: each limit made to happen at an exact call, among the cases next to it
+// that the promise of one instant covers.
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <cstdlib>
+#include <regex>
 #include <sstream>
 
 #include "fake_kernel.h"
@@ -7,6 +12,10 @@
 #include "tree_gen.h"
 
 namespace {
+
+const std::string S = HERE + "/s";
+const std::string D = HERE + "/d";
+const std::string MIRROR = D + "/snapshot" + S;
 
 // A tree in one line, with a space behind each entry.
 std::string listing(const fs::path& top) {
@@ -19,62 +28,47 @@ std::string listing(const fs::path& top) {
 
 class LimitsTest : public TestTree {
   protected:
-    void fill() {
+    // An empty folder and a kernel that knows nothing.
+    void restart(const std::string& script) {
         TearDown();
         SetUp();
-        act("mkdir s/m; mkdir o/m; put s/a old; put s/b old; put s/m/c old; put s/z old; "
-            "link s/link old; put o/marked else; put o/m/c else");
-        kernel.emplace(root);
-        ASSERT_EQ(kernel->run([&] { return PreCreateDirSnapshot({at("o")}); }), 0);
-        act("put o/new new");
+        kernel.emplace(HERE);
+        act(script);
     }
-
+    // Does what the script says: in the shell, but for words that call the library.
     void act(const std::string& script) {
         std::istringstream steps(script);
-        for (std::string step; std::getline(steps, step, ';');) {
-            std::istringstream words(step);
-            std::string verb, path, word;
-            words >> verb >> path >> word;
-            if (verb == "put") {
-                write(at(path), word);
-            } else if (verb == "move") {
-                fs::rename(at(path), at(word));
-            } else if (verb == "remove") {
-                fs::remove(at(path));
-            } else if (verb == "mkdir") {
-                fs::create_directories(at(path));
-            } else if (verb == "link") {
-                fs::create_symlink(word, at(path));
-            } else if (verb == "hardlink") {
-                fs::create_hard_link(at(path), at(word));
-            } else if (verb == "prepare") {
-                EXPECT_EQ(kernel->run([&] { return PreCreateSingleFileSnapshot(at("s"), path); }),
-                          0);
-            } else if (verb == "snapshot") {
-                EXPECT_EQ(
-                    kernel->run([&] { return CreateSingleFileSnapshot(at("s"), path, at("o")); }),
-                    0);
-            } else if (verb == "unreadable") {
-                kernel->answer("opendir $/" + path, {-1, EACCES, {}});
+        for (std::string step; std::getline(steps >> std::ws, step, ';');) {
+            const std::string folder = step.substr(step.rfind(' ') + 1);
+            if (step == "prepare " + folder) {
+                kernel->run([&] { return PreCreateDirSnapshot({HERE + "/" + folder}); });
+            } else if (step == "create " + folder) {
+                kernel->run([&] { return CreateDirSnapshot({S}, HERE + "/" + folder); });
+            } else if (step == "unreadable " + folder) {
+                kernel->answer("opendir $/" + folder, {-1, EACCES, {}});
             } else {
-                ADD_FAILURE() << verb;
+                ASSERT_EQ(std::system(step.c_str()), 0) << step;
             }
         }
     }
-
-    // Creates the snapshot, and acts before the nth of a call.
-    int32_t create(const std::vector<std::string>& sources, const std::string& call, int nth,
-                   const std::string& script) {
-        kernel->before = [&, nth](const std::string& line) mutable {
+    // Acts before the nth of a call to come.
+    void actAt(const std::string& call, int nth, const std::string& script) {
+        kernel->before = [=](const std::string& line) mutable {
             if (line == call && --nth == 0) {
                 act(script);
             }
         };
-        return kernel->run([&] { return CreateDirSnapshot(sources, at("d")); });
+    }
+    int32_t create(const std::vector<std::string>& sources = {S}) {
+        return kernel->run([&] { return CreateDirSnapshot(sources, D); });
     }
 
     std::optional<FakeKernel> kernel;
 };
+
+constexpr char FILES[] =
+    "mkdir -p s/m o/m d; printf old | tee s/a s/b s/m/c >s/z; ln -s old s/link; "
+    "printf else | tee o/marked >o/m/c; prepare o; printf new >o/new";
 
 struct Limit {
     const char* what;
@@ -89,53 +83,154 @@ constexpr char OLD[] = "a:old b:old link->old m/ m/c:old z:old ";
 constexpr char NEW_A[] = "a:new b:old link->old m/ m/c:old z:old ";
 
 const Limit LIMITS[] = {
-    {"covered: a write", "", "put s/a new", NEW_A},
-    {"covered: a new file", "", "put s/n new", "a:old b:old link->old m/ m/c:old n:new z:old "},
-    {"covered: a new file in the place of another", "", "move o/new s/a", NEW_A},
-    {"covered: a marked file under a new name", "", "move o/marked s/n",
+    {"covered: a write", "", "printf new >s/a", NEW_A},
+    {"covered: a new file", "", "printf new >s/n", "a:old b:old link->old m/ m/c:old n:new z:old "},
+    {"covered: a new file in the place of another", "", "mv -T o/new s/a", NEW_A},
+    {"covered: a marked file under a new name", "", "mv -T o/marked s/n",
      "a:old b:old link->old m/ m/c:old n:else z:old "},
-    {"covered: a prepare meanwhile, of a prepared file", "", "put s/a new; prepare a", NEW_A},
+    {"covered: a prepare meanwhile, of a prepared file", "", "printf new >s/a; prepare s", NEW_A},
 
-    {"a deleted file keeps its snapshot", "", "remove s/a", OLD},
-    {"a new folder is missed while it holds no file", "", "mkdir s/n/n", OLD},
-    {"a new folder with a file ends the create", "", "mkdir s/n; put s/n/f new", ""},
-    {"new and changed links are missed", "", "remove s/link; link s/link new; link s/n new", OLD},
-    {"a file that this create has marked, in the place of another", "put s/b new", "move s/b s/a",
-     "a:old b:new link->old m/ m/c:old z:old "},
-    {"so that a rotated log is lost", "put s/b new", "move s/b s/a; put s/b empty",
+    {"a deleted file keeps its snapshot", "", "rm s/a", OLD},
+    {"a new folder is missed while it holds no file", "", "mkdir -p s/n/n", OLD},
+    {"a new folder with a file ends the create", "", "mkdir s/n; printf new >s/n/f", ""},
+    {"new and changed links are missed", "", "rm s/link; ln -s new s/link; ln -s new s/n", OLD},
+    {"a file that this create has marked, in the place of another", "printf new >s/b",
+     "mv -T s/b s/a", "a:old b:new link->old m/ m/c:old z:old "},
+    {"so that a rotated log is lost", "printf new >s/b", "mv -T s/b s/a; printf empty >s/b",
      "a:old b:empty link->old m/ m/c:old z:old "},
-    {"a file that it is just marking", "", "put s/b new; move s/b s/a",
+    {"a file that it is just marking", "", "printf new >s/b; mv -T s/b s/a",
      "a:old b:new link->old m/ m/c:old z:old ",
      "open $/d/snapshot$/s/b O_RDWR|O_CREAT|O_TRUNC 0440", 1},
-    {"a file that an earlier prepare has marked", "", "move o/marked s/a", OLD},
-    {"a folder of marked files in the place of another", "", "move s/m o/n; move o/m s/m", OLD},
-    {"a new file in the place of another, and a prepare", "", "move o/new s/a; prepare a", OLD},
-    {"a write, and another create's snapshot", "", "put s/a new; snapshot a", OLD},
-    {"two names of one file, written to between their snapshots", "hardlink s/a s/h", "put s/a new",
+    {"a file that an earlier prepare has marked", "", "mv -T o/marked s/a", OLD},
+    {"a folder of marked files in the place of another", "", "mv -T s/m o/n; mv -T o/m s/m", OLD},
+    {"a new file in the place of another, and a prepare", "", "mv -T o/new s/a; prepare s", OLD},
+    {"a write, and another create's snapshot", "", "printf new >s/a; create o", OLD},
+    {"two names of one file, written to between their snapshots", "ln s/a s/h", "printf new >s/a",
      "a:old b:old h:new link->old m/ m/c:old z:old ", "open $/s/h O_RDWR", 1},
-    {"what comes after a folder that a pass cannot read", "", "unreadable s/m; put s/z new", OLD},
+    {"what comes after a folder that a pass cannot read", "", "unreadable s/m; printf new >s/z",
+     OLD},
 };
 
-TEST_F(LimitsTest, AtExactCalls) {
+TEST_F(LimitsTest, OfOneInstant) {
     for (const Limit& row : LIMITS) {
         SCOPED_TRACE(row.what);
-        fill();
+        restart(FILES);
         act(row.before);
-        const std::string source = listing(at("s"));
-        const int32_t ret = create({at("s")}, row.call, row.nth, row.meanwhile);
-        EXPECT_NE(listing(at("s")), source) << "nothing was done";
+        const std::string source = listing("s");
+        actAt(row.call, row.nth, row.meanwhile);
+        const int32_t ret = create();
+        EXPECT_NE(listing("s"), source) << "nothing was done";
         EXPECT_EQ(ret, *row.snapshot != '\0' ? 0 : -2);
-        EXPECT_EQ(ret == 0 ? listing(at("d/snapshot") + at("s")) : listing(at("d")), row.snapshot);
+        EXPECT_EQ(listing(ret == 0 ? MIRROR : D), row.snapshot);
     }
 }
 
 // One folder by two paths is the same as two names of each of its files.
-TEST_F(LimitsTest, TwoSourcesThatAreOneFolder) {
-    fill();
-    act("link again s");
-    EXPECT_EQ(create({at("s"), at("again")}, "opendir $/again", 1, "put s/a new"), 0);
-    EXPECT_EQ(listing(at("d/snapshot") + at("s")), OLD);
-    EXPECT_EQ(listing(at("d/snapshot") + at("again")), NEW_A);
+TEST_F(LimitsTest, OfTwoSourcesThatAreOneFolder) {
+    restart(FILES);
+    act("ln -s s again");
+    actAt("opendir $/again", 1, "printf new >s/a");
+    EXPECT_EQ(create({S, HERE + "/again"}), 0);
+    EXPECT_EQ(listing(MIRROR), OLD);
+    EXPECT_EQ(listing(D + "/snapshot" + HERE + "/again"), NEW_A);
+}
+
+// What somebody can do who may rename in the source or the target while the tool walks there, at
+// the call where it does most harm: a link takes the place of a file or a folder.
+struct Swap {
+    bool creates;
+    const char* call;
+    const char* path;
+    const char* link;
+    const char* harm;
+};
+
+const Swap SWAPS[] = {
+    {false, "opendir $/d/snapshot", "$/d/snapshot", "out", "removed"},
+    {true, "stat $/d/snapshot", "$/d/snapshot", "out", "removed"},
+    {false, "opendir $/d/snapshot$/s/m", "$/d/snapshot$/s/m", "out", "removed"},
+    {false, "unlink $/d/snapshot$/s/m/f", "$/d/snapshot$/s/m", "out", "removed"},
+    {false, "unlink $/d/snapshot$/s/f", "$/d/snapshot$/s/f", "out/f", "none"},
+    {true, "open $/d/snapshot$/s/f O_RDWR|O_CREAT|O_TRUNC 0440", "$/d/snapshot$/s/f", "out/f",
+     "overwritten"},
+    {true, "open $/d/snapshot$/s/m/f O_RDWR|O_CREAT|O_TRUNC 0440", "$/d/snapshot$/s/m", "out",
+     "overwritten"},
+    {true, "open $/s/f O_RDWR", "$/s/f", "out/f", "copied"},
+    {true, "opendir $/s/m", "$/s/m", "out", "copied"},
+};
+
+class SwapTest : public LimitsTest {
+  protected:
+    // What became of out/f.
+    static std::string harm() {
+        if (!fs::exists("out/f")) {
+            return "removed";
+        }
+        const bool copied = read(MIRROR + "/f") == "secret" || read(MIRROR + "/m/f") == "secret";
+        return read("out/f") != "secret" ? "overwritten" : copied ? "copied" : "none";
+    }
+    void expectHarm(bool links_are_followed) {
+        for (const Swap& row : SWAPS) {
+            act("rm -rf s d out aside; mkdir -p s/m d/snapshot out; "
+                "printf data | tee s/f >s/m/f; printf secret >out/f");
+            kernel.emplace(HERE);
+            ASSERT_TRUE(row.creates || create() == 0);
+            bool acted = false;
+            kernel->before = [&](const std::string& call) {
+                if (call == row.call && !acted) {
+                    acted = true;
+                    const std::string path = std::regex_replace(row.path, std::regex("\\$"), HERE);
+                    std::error_code missing;
+                    fs::rename(path, "aside", missing);
+                    fs::create_symlink(at(row.link), path);
+                }
+            };
+            kernel->run([&] { return row.creates ? create() : DestroyDirSnapshot(D); });
+            EXPECT_TRUE(acted) << row.call;
+            EXPECT_EQ(harm(), links_are_followed ? row.harm : "none") << row.call;
+            EXPECT_TRUE(fs::exists("out")) << "a folder that a link names stays itself";
+        }
+    }
+};
+
+TEST_F(SwapTest, LinksAreFollowed) {
+    expectHarm(true);
+}
+
+TEST_F(SwapTest, AMountWithNosymfollowClosesIt) {
+    constexpr unsigned long NOSYMFOLLOW = 256;
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(root.c_str(), root.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        GTEST_SKIP() << "mounting is not permitted here";
+    }
+    fs::current_path(root);
+    const bool is_known =
+        mount(nullptr, root.c_str(), nullptr, MS_REMOUNT | MS_BIND | NOSYMFOLLOW, nullptr) == 0;
+    if (is_known) {
+        expectHarm(false);
+    }
+    umount2(root.c_str(), MNT_DETACH);
+    if (!is_known) {
+        GTEST_SKIP() << "this kernel does not know the mount option nosymfollow";
+    }
+}
+
+// A pipe that takes a file's place just before the file is opened for reading makes the call wait
+// until somebody opens the pipe for writing.
+TEST_F(LimitsTest, APipeIsWaitedFor) {
+    for (const int nth : {1, 2}) {  // in the first creation, in a check pass
+        restart("mkdir d s; printf data >s/f");
+        kernel->before = [&, seen = 0](const std::string& call) mutable {
+            if (call == "open $/s/f O_RDONLY" && ++seen == nth) {
+                act("rm s/f; mkfifo s/f; timeout 60 sh -c ': >s/f' &");
+                kernel->answer("MODIFY_CHECK", {-1, ENOTTY, {}});  // as on everything but files
+                kernel->answer("DEDUP_GET_FILE_INFO", {-1, ENOTTY, {}});
+            }
+        };
+        EXPECT_EQ(create(), -1);
+        EXPECT_FALSE(fs::exists("d/snapshot"));
+    }
 }
 
 }  // namespace

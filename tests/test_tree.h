@@ -29,16 +29,22 @@ inline int modeOf(const fs::path& path) {
     return lstat(path.c_str(), &path_stat) == 0 ? static_cast<int>(path_stat.st_mode & 07777) : -1;
 }
 
+// The test's folder by a path that is the same in every run.
+const std::string HERE = "/proc/self/cwd";
+
+// A test in a folder of its own, which is the working directory.
 class TestTree : public testing::Test {
   protected:
     void SetUp() override {
         std::string name = fs::temp_directory_path() / "f2fs_snapshot.XXXXXX";
         ASSERT_NE(mkdtemp(name.data()), nullptr);
         root = fs::canonical(name);
+        fs::current_path(root);
         umask_ = umask(0);
     }
     void TearDown() override {
         umask(umask_);
+        fs::current_path("/");
         fs::remove_all(root);
     }
     std::string at(const std::string& path) const {
