@@ -20,18 +20,12 @@ namespace {
 constexpr int FIRST_DESCRIPTOR = 100;
 constexpr size_t MODELLED_BYTES = 1 << 16;  // of a file's content; beyond it only the size counts
 
-// The C library's own call behind the name that the headers map it to.
-template <typename Function>
-Function real(const char* name, bool large_file_variant = false) {
-    const std::string symbol =
-        std::string(name) + (large_file_variant && sizeof(void*) == 4 ? "64" : "");
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, symbol.c_str()));
-}
-
-int realIoctl(int fd, unsigned long code, void* record) {
-    static const auto real_ioctl = real<int (*)(int, unsigned long, ...)>("ioctl");
-    return real_ioctl(fd, code, record);
-}
+// The C library's own function behind a name; the second form is for names that the headers map to
+// a large-file variant where file offsets would be short.
+#define REAL(function) reinterpret_cast<decltype(&::function)>(dlsym(RTLD_NEXT, #function))
+#define REAL_LARGE(function)                 \
+    reinterpret_cast<decltype(&::function)>( \
+        dlsym(RTLD_NEXT, sizeof(void*) == 4 ? #function "64" : #function))
 
 std::string vformat(const char* text, va_list arguments) {
     char buffer[16384];
@@ -192,7 +186,7 @@ int FakeKernel::request(int fd, unsigned long code, void* record) {
     if (const std::optional<int> result = intercept(call, record)) {
         return *result;
     }
-    return note(call, has_driver ? model(fd, name, record) : realIoctl(fd, code, record));
+    return note(call, has_driver ? model(fd, name, record) : REAL(ioctl)(fd, code, record));
 }
 
 namespace {
@@ -207,11 +201,6 @@ int through(Real real_call, const char* text, Arguments... arguments) {
     const std::string call = format(text, arguments...);
     const std::optional<int> result = kernel->intercept(call);
     return result ? *result : kernel->note(call, static_cast<int>(real_call()));
-}
-
-int realClose(int fd) {
-    static const auto real_close = real<int (*)(int)>("close");
-    return real_close(fd);
 }
 
 }  // namespace
@@ -240,7 +229,7 @@ int ioctl(int fd, unsigned long code, ...) noexcept {
     void* record = va_arg(arguments, void*);
     va_end(arguments);
     FakeKernel* kernel = FakeKernel::active;
-    return kernel == nullptr ? realIoctl(fd, code, record) : kernel->request(fd, code, record);
+    return kernel == nullptr ? REAL(ioctl)(fd, code, record) : kernel->request(fd, code, record);
 }
 
 int open(const char* path, int flags, ...) {
@@ -251,14 +240,13 @@ int open(const char* path, int flags, ...) {
         mode = va_arg(arguments, mode_t);
         va_end(arguments);
     }
-    static const auto real_open = real<int (*)(const char*, int, ...)>("open", true);
     const auto call = [&] {
-        const int fd = real_open(path, flags, mode);
+        const int fd = REAL_LARGE(open)(path, flags, mode);
         if (fd < 0 || FakeKernel::active == nullptr) {
             return fd;
         }
         const int moved = fcntl(fd, F_DUPFD, FIRST_DESCRIPTOR);
-        realClose(fd);
+        REAL(close)(fd);
         FakeKernel::active->descriptors_.insert(moved);
         return moved;
     };
@@ -266,7 +254,7 @@ int open(const char* path, int flags, ...) {
 }
 
 int close(int fd) {
-    const int result = realClose(fd);  // Linux gives the descriptor up whatever it returns
+    const int result = REAL(close)(fd);  // Linux gives the descriptor up whatever it returns
     if (FakeKernel::active == nullptr || FakeKernel::active->descriptors_.erase(fd) == 0) {
         return result;
     }
@@ -274,48 +262,39 @@ int close(int fd) {
 }
 
 int stat(const char* path, struct stat* file_stat) noexcept {
-    static const auto real_stat = real<int (*)(const char*, struct stat*)>("stat", true);
-    return through([=] { return real_stat(path, file_stat); }, "stat %s", path);
+    return through([=] { return REAL_LARGE(stat)(path, file_stat); }, "stat %s", path);
 }
 
 int fallocate(int fd, int mode, off_t offset, off_t length) {
-    static const auto real_fallocate = real<int (*)(int, int, off_t, off_t)>("fallocate", true);
-    return through([=] { return real_fallocate(fd, mode, offset, length); },
+    return through([=] { return REAL_LARGE(fallocate)(fd, mode, offset, length); },
                    "fallocate %d %d %lld %lld", fd, mode, static_cast<long long>(offset),
                    static_cast<long long>(length));
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {
-    static const auto real_mkdir = real<int (*)(const char*, mode_t)>("mkdir");
-    return through([=] { return real_mkdir(path, mode); }, "mkdir %s %04o", path, mode);
+    return through([=] { return REAL(mkdir)(path, mode); }, "mkdir %s %04o", path, mode);
 }
 
 int rmdir(const char* path) noexcept {
-    static const auto real_rmdir = real<int (*)(const char*)>("rmdir");
-    return through([=] { return real_rmdir(path); }, "rmdir %s", path);
+    return through([=] { return REAL(rmdir)(path); }, "rmdir %s", path);
 }
 
 int unlink(const char* path) noexcept {
-    static const auto real_unlink = real<int (*)(const char*)>("unlink");
-    return through([=] { return real_unlink(path); }, "unlink %s", path);
+    return through([=] { return REAL(unlink)(path); }, "unlink %s", path);
 }
 
 ssize_t readlink(const char* path, char* text, size_t size) noexcept {
-    static const auto real_readlink = real<ssize_t (*)(const char*, char*, size_t)>("readlink");
-    return through([=] { return real_readlink(path, text, size); }, "readlink %s %zu", path, size);
+    return through([=] { return REAL(readlink)(path, text, size); }, "readlink %s %zu", path, size);
 }
 
 int symlink(const char* text, const char* path) noexcept {
-    static const auto real_symlink = real<int (*)(const char*, const char*)>("symlink");
-    return through([=] { return real_symlink(text, path); }, "symlink %s %s", text, path);
+    return through([=] { return REAL(symlink)(text, path); }, "symlink %s %s", text, path);
 }
 
 DIR* opendir(const char* path) {
-    static const auto real_opendir = real<DIR* (*)(const char*)>("opendir");
-    static const auto real_readdir = real<dirent* (*)(DIR*)>("readdir", true);
     DIR* dir = nullptr;
     const auto call = [&] {
-        dir = real_opendir(path);
+        dir = REAL(opendir)(path);
         return dir == nullptr ? -1 : 0;
     };
     through(call, "opendir %s", path);
@@ -324,7 +303,7 @@ DIR* opendir(const char* path) {
         return dir;
     }
     std::vector<dirent>& entries = kernel->streams_[dir].entries;
-    while (const dirent* entry = real_readdir(dir)) {
+    while (const dirent* entry = REAL_LARGE(readdir)(dir)) {
         dirent copy = {};
         memcpy(&copy, entry, std::min<size_t>(sizeof copy, entry->d_reclen));
         const auto type = kernel->types.find(copy.d_name);
@@ -337,10 +316,9 @@ DIR* opendir(const char* path) {
 }
 
 dirent* readdir(DIR* dir) {
-    static const auto real_readdir = real<dirent* (*)(DIR*)>("readdir", true);
     FakeKernel* kernel = FakeKernel::active;
     if (kernel == nullptr || kernel->streams_.count(dir) == 0) {
-        return real_readdir(dir);
+        return REAL_LARGE(readdir)(dir);
     }
     if (kernel->intercept("readdir")) {
         return nullptr;
@@ -350,8 +328,7 @@ dirent* readdir(DIR* dir) {
 }
 
 int closedir(DIR* dir) {
-    static const auto real_closedir = real<int (*)(DIR*)>("closedir");
-    const int result = real_closedir(dir);
+    const int result = REAL(closedir)(dir);
     if (FakeKernel::active == nullptr || FakeKernel::active->streams_.erase(dir) == 0) {
         return result;
     }
