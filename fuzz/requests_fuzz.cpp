@@ -153,25 +153,20 @@ void checkFile(World& world, File& file) {
     REQUIRE(info.is_layered == (file.is_layered ? 1 : 0) && info.reserved == 0);
 }
 
-// A request that mostly could succeed, with at most one thing about it out of the ordinary.
-void serveOne(World& world, FuzzedDataProvider& input) {
-    constexpr uint32_t NAMES_A_FILE = 0xF0F0F0F0;
-    constexpr uint32_t USUAL[][3] = {
-        {F2FS_IOC_DEDUP_REVOKE, 0, 0},
-        {F2FS_IOC_DEDUP_GET_FILE_INFO, 0, 0},
-        {F2FS_IOC_MODIFY_CHECK, MODIFY_CHECK_FLAG, MODIFY_CHECK_SET},
-        {F2FS_IOC_MODIFY_CHECK, 0, MODIFY_CHECK_GET},
-        {F2FS_IOC_CLONE_FILE, NAMES_A_FILE, CLONE_FLAGS},
-        {F2FS_IOC_SNAPSHOT_CREATE, NAMES_A_FILE, 0},
-        {F2FS_IOC_SNAPSHOT_PREPARE, NAMES_A_FILE, 0},
-    };
-    const uint32_t* usual = USUAL[input.ConsumeIntegralInRange<size_t>(0, std::size(USUAL) - 1)];
-    File& file = world.files[input.ConsumeIntegralInRange<size_t>(0, world.files.size() - 1)];
-    const int named =
-        world.descriptors[input.ConsumeIntegralInRange<size_t>(0, world.descriptors.size() - 1)].fd;
-    uint32_t words[4] = {usual[1] == NAMES_A_FILE ? static_cast<uint32_t>(named) : usual[1],
-                         usual[2]};
-    emulator::Request request = {*file.inode, file.fd, getpid(), usual[0], nullptr, 8, nullptr, 8};
+constexpr uint32_t NAMES_A_FILE = 0xF0F0F0F0;
+constexpr uint32_t USUAL[][3] = {
+    {F2FS_IOC_DEDUP_REVOKE, 0, 0},
+    {F2FS_IOC_DEDUP_GET_FILE_INFO, 0, 0},
+    {F2FS_IOC_MODIFY_CHECK, MODIFY_CHECK_FLAG, MODIFY_CHECK_SET},
+    {F2FS_IOC_MODIFY_CHECK, 0, MODIFY_CHECK_GET},
+    {F2FS_IOC_CLONE_FILE, NAMES_A_FILE, CLONE_FLAGS},
+    {F2FS_IOC_SNAPSHOT_CREATE, NAMES_A_FILE, 0},
+    {F2FS_IOC_SNAPSHOT_PREPARE, NAMES_A_FILE, 0},
+};
+using Words = uint32_t[4];  // more than any record has
+
+// Mostly leaves a request as it is; else puts one thing about it out of the ordinary.
+void disturb(emulator::Request& request, Words& words, int other_fd, FuzzedDataProvider& input) {
     switch (input.ConsumeIntegralInRange(0, 15)) {
         case 0:
             request.number = input.ConsumeIntegral<uint32_t>();
@@ -192,12 +187,15 @@ void serveOne(World& world, FuzzedDataProvider& input) {
             request.pid = input.ConsumeIntegralInRange(-1, 100);
             break;
         case 6:
-            request.fd = file.other_fd;
+            request.fd = other_fd;
             break;
         default:
             break;
     }
+}
 
+void serveAndCompare(World& world, File& file, const emulator::Request& request,
+                     const Words& words) {
     const bool known = std::any_of(std::begin(USUAL), std::end(USUAL),
                                    [&](const auto& row) { return row[0] == request.number; });
     const size_t record = _IOC_SIZE(request.number);
@@ -213,6 +211,22 @@ void serveOne(World& world, FuzzedDataProvider& input) {
     } else {
         REQUIRE((error == 0) == model(world, file, request, words));
     }
+}
+
+// Picks one of a list.
+template <typename List>
+auto& pick(List& list, FuzzedDataProvider& input) {
+    return list[input.ConsumeIntegralInRange<size_t>(0, std::size(list) - 1)];
+}
+
+void serveOne(World& world, FuzzedDataProvider& input) {
+    const uint32_t* usual = pick(USUAL, input);
+    File& file = pick(world.files, input);
+    const auto named = static_cast<uint32_t>(pick(world.descriptors, input).fd);
+    Words words = {usual[1] == NAMES_A_FILE ? named : usual[1], usual[2]};
+    emulator::Request request = {*file.inode, file.fd, getpid(), usual[0], nullptr, 8, nullptr, 8};
+    disturb(request, words, file.other_fd, input);
+    serveAndCompare(world, file, request, words);
 }
 
 }  // namespace
