@@ -13,6 +13,7 @@
 #include <chrono>
 #include <map>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include "emulator_mount.h"
@@ -33,12 +34,11 @@ constexpr std::array FILES = {"s/deep/er/A",     "t/B",         "s/C",          
 constexpr size_t ACCOUNTS = FILES.size() - ACCOUNT;
 constexpr long START_MONEY = 1000;
 constexpr size_t NEVER = SIZE_MAX;
-constexpr int64_t HALT = -1;
 constexpr int NAP = 100;  // microseconds
 
 struct Shared {
     std::atomic<size_t> clock{1};
-    std::atomic<int64_t> gap{HALT};  // microseconds between a writer's changes, twice the mean
+    std::atomic<bool> halt{true};
     std::atomic<size_t> halted{0};
     struct History {
         static constexpr size_t KEPT = 1 << 15;
@@ -74,23 +74,9 @@ class ConsistencyTest : public EmulatedVolume {
             write(path.string() + ".rest", "a file that nobody changes");
         }
     }
-    void waitForTurn() {
-        const int64_t gap = shared->gap;
-        auto rest = gap > 0 ? static_cast<int64_t>(random.below(static_cast<size_t>(gap))) : 0;
-        for (; rest > 0 && shared->gap == gap; rest -= NAP) {
-            usleep(NAP);
-        }
-        if (shared->gap == HALT) {
-            ++shared->halted;
-            while (shared->gap == HALT) {
-                usleep(NAP);
-            }
-            --shared->halted;
-        }
-    }
     // False when a writer has failed.
-    bool halt() {
-        shared->gap = HALT;
+    bool haltWriters() {
+        shared->halt = true;
         while (shared->halted != writers.size()) {
             usleep(NAP);
             if (waitpid(-1, nullptr, WNOHANG) != 0) {
@@ -99,11 +85,20 @@ class ConsistencyTest : public EmulatedVolume {
         }
         return true;
     }
+    void waitWhileHalted() {
+        ++shared->halted;
+        while (shared->halt) {
+            usleep(NAP);
+        }
+        --shared->halted;
+    }
 
-    // Makes one change of a file, at its turn, and notes between which times.
+    // Makes one change of a file and notes between which times.
     template <typename Make>
     void change(size_t file, Make make) {
-        waitForTurn();
+        if (shared->halt) {
+            waitWhileHalted();
+        }
         Shared::History& history = shared->files[file];
         const size_t version = history.latest + 1;
         history.done[version % history.KEPT] = NEVER;
@@ -133,7 +128,7 @@ class ConsistencyTest : public EmulatedVolume {
         const std::string made = at("elsewhere/new");
         for (size_t file = DOC0;; file = file == DOC1 ? DOC0 : DOC1) {
             // Now and then only: a file that goes away fails the create.
-            usleep(static_cast<useconds_t>(random.below(static_cast<size_t>(quiet_time) / 4)));
+            std::this_thread::sleep_for(quiet_time * random.below(256) / 1024);
             put(made, contentOf(shared->files[file].latest + 1), O_CREAT | O_TRUNC);
             change(file, [&](size_t /*version*/) {
                 return rename(made.c_str(), at(FILES[file]).c_str()) == 0;
@@ -166,31 +161,6 @@ class ConsistencyTest : public EmulatedVolume {
     int32_t create() {
         return kernel->run([&] { return CreateDirSnapshot({at("s"), at("t")}, at("target")); });
     }
-    // Does a call go to the driver? Is a file's mark asked for, or its data taken?
-    static bool isRequest(const std::string& call) {
-        return isupper(static_cast<unsigned char>(call[0])) != 0;
-    }
-    static bool checks(const std::string& call) {
-        return call.rfind("MODIFY_CHECK", 0) == 0 && call.find(", 0x8}") != std::string::npos;
-    }
-    static bool takes(const std::string& call) {
-        return call.rfind("SNAPSHOT_CREATE", 0) == 0;
-    }
-
-    // Learns how many requests and checks a create has, and how long it takes.
-    void measureQuietCreate() {
-        kernel.emplace(volume.mount());
-        kernel->has_driver = false;
-        kernel->before = [&](const std::string& call) {
-            quiet_requests += isRequest(call) ? 1 : 0;
-            quiet_checks += checks(call) ? 1 : 0;
-        };
-        const auto begin = std::chrono::steady_clock::now();
-        ASSERT_EQ(create(), 0);
-        const auto taken = std::chrono::steady_clock::now() - begin;
-        quiet_time = std::chrono::duration_cast<std::chrono::microseconds>(taken).count() + 8;
-    }
-
     // How far a create is.
     struct Progress {
         size_t requests = 0;
@@ -200,46 +170,60 @@ class ConsistencyTest : public EmulatedVolume {
         size_t checked = 0;  // by that pass
         size_t passes = 0;
     };
-    void follow(const std::string& call) {
+    // False for a call that does not go to the driver.
+    bool follow(const std::string& call) {
+        if (isupper(static_cast<unsigned char>(call[0])) == 0) {
+            return false;
+        }
         ++progress.requests;
         // The request comes between this reading of the clock and the next.
         const size_t previous = std::exchange(progress.now, shared->clock++);
-        if (checks(call) && ++progress.checked == 1) {
+        if (call.find(", 0x8}") != std::string::npos && ++progress.checked == 1) {
             progress.from = previous;
             progress.until = progress.now;
             ++progress.passes;
-        } else if (takes(call)) {
+        } else if (call.rfind("SNAPSHOT_CREATE", 0) == 0) {
             remade += progress.passes > 0 ? 1 : 0;
             progress.checked = 0;
         }
+        return true;
     }
 
-    // One create under writers that follow it. They are fast until some request, with a last burst
-    // right there; from then on they rest, or change a file now and then, so that a pass has a
-    // chance; but when it is almost through they may be fast again.
+    // Learns how many requests and checks a create has, and how long it takes.
+    void measureQuietCreate() {
+        kernel.emplace(volume.mount());
+        kernel->has_driver = false;
+        kernel->before = [&](const std::string& call) { follow(call); };
+        const auto begin = std::chrono::steady_clock::now();
+        ASSERT_EQ(create(), 0);
+        quiet_time = std::chrono::steady_clock::now() - begin;
+        quiet = progress;
+    }
+
+    // One create under writers that follow it: they write as fast as they can until some request,
+    // or just there, and then rest, so that a pass has a chance; but when it is almost through they
+    // may write again.
     void attack() {
-        const size_t turn = random.below(quiet_requests * 3 / 2);
-        const int64_t later = random.below(3) == 0 ? HALT : quiet_time * (1 << random.below(3));
-        const size_t late = random.below(2) == 0 ? NEVER : quiet_checks - random.below(4);
+        const size_t turn = random.below(quiet.requests * 3 / 2);
+        const size_t late = random.below(2) == 0 ? NEVER : quiet.checked - random.below(4);
         progress = {};
         progress.now = shared->clock++;
-        kernel->before = [this, turn, later, late](const std::string& call) {
-            if (!isRequest(call)) {
+        kernel->before = [this, turn, late](const std::string& call) {
+            if (!follow(call)) {
                 return;
             }
-            follow(call);
             if (progress.requests == turn) {
-                shared->gap = 0;
+                shared->halt = false;
                 usleep(1000);
-                halt();
+                haltWriters();
             }
             if (progress.requests >= turn) {
-                shared->gap = progress.checked >= late ? 0 : later;
+                shared->halt = progress.checked < late;
             }
         };
-        shared->gap = random.below(2) == 0 ? 0 : quiet_time / 8;
+        shared->halt = random.below(2) == 0;
         const int32_t ret = create();
-        EXPECT_TRUE(halt()) << "a writer has failed";
+        EXPECT_TRUE(haltWriters()) << "a writer has failed";
         ++creates[ret];
         all_passes += progress.passes;
         if (ret == 0) {
@@ -302,9 +286,8 @@ class ConsistencyTest : public EmulatedVolume {
     std::vector<pid_t> writers;
     Random random;
     std::optional<FakeKernel> kernel;
-    size_t quiet_requests = 0;
-    size_t quiet_checks = 0;
-    int64_t quiet_time = 0;  // microseconds
+    Progress quiet;
+    std::chrono::steady_clock::duration quiet_time = {};
     Progress progress;
     std::map<int32_t, int> creates;  // by result
     size_t all_passes = 0, remade = 0, with_left_out = 0;
