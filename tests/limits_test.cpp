@@ -199,14 +199,13 @@ TEST_F(SwapTest, LinksAreFollowed) {
 
 TEST_F(SwapTest, AMountWithNosymfollowClosesIt) {
     constexpr unsigned long NOSYMFOLLOW = 256;
-    if (unshare(CLONE_NEWNS) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount(root.c_str(), root.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(root.c_str(), root.c_str(), "", MS_BIND, nullptr) != 0) {
         GTEST_SKIP() << "mounting is not permitted here";
     }
     fs::current_path(root);
     const bool is_known =
-        mount(nullptr, root.c_str(), nullptr, MS_REMOUNT | MS_BIND | NOSYMFOLLOW, nullptr) == 0;
+        mount("", root.c_str(), "", MS_REMOUNT | MS_BIND | NOSYMFOLLOW, nullptr) == 0;
     if (is_known) {
         expectHarm(false);
     }
