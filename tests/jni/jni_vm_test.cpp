@@ -35,8 +35,8 @@ TEST_F(JniCalls, PathsAreModifiedUtf8) {
     write(source + "/file", "content");
     JNIEnv* const env = startVm();
     ASSERT_NE(env, nullptr);
-    const jstring from = java(env, fs::path(at("source-")).u16string() + name);
-    const jstring to = java(env, fs::path(at("target-")).u16string() + name);
+    jstring from = java(env, fs::path(at("source-")).u16string() + name);
+    jstring to = java(env, fs::path(at("target-")).u16string() + name);
 
     EXPECT_EQ(Java_com_storage_f2fs_libsnapshot_native_precreatedirsnapshot(env, from), 0);
     EXPECT_EQ(Java_com_storage_f2fs_libsnapshot_native_createdirsnapshot(env, from, to), 0);
