@@ -64,8 +64,8 @@ use "$work/prefix"
 env --chdir="$build" cmake -P "$source/cmake/Uninstall.cmake"
 diff /dev/null <(find "$work/prefix" ! -type d -o -name '*f2fs*')
 
-if ((EUID != 0)) || ! hash dpkg-shlibdeps file man || dpkg-query -W "$package" 2>/dev/null; then
-    echo "Debian package skipped: needs root, dpkg-dev, file and man-db, and not $package itself"
+if ((EUID != 0)) || ! hash dpkg-shlibdeps file || dpkg-query -W "$package" 2>/dev/null; then
+    echo "Debian package skipped: needs root, dpkg-dev and file, and no $package installed"
     exit
 fi
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/package"
@@ -74,7 +74,7 @@ package_installed=yes
 dpkg --install "$work"/package/*.deb
 dpkg -L "$package" | grep f2fs >"$work/listed"
 use /usr
-man -w f2fs_snapshot
+! hash man || man -w f2fs_snapshot
 dpkg --purge "$package"
 package_installed=
 diff /dev/null <(xargs ls -d <"$work/listed" 2>/dev/null)

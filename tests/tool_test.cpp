@@ -77,9 +77,12 @@ TEST_F(ToolTest, APositiveResultIsAFailureToo) {
     kernel.answer("DEDUP_GET_FILE_INFO", {300, 0, {}});
     // The library's, which comes next after this program's own.
     const auto tool_main = reinterpret_cast<int (*)(int, char**)>(dlsym(RTLD_NEXT, "main"));
+    ASSERT_NE(tool_main, nullptr) << dlerror();
     std::string words[] = {"f2fs_snapshot", "pre", at("s")};
     char* argv[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
+    testing::internal::CaptureStdout();
     EXPECT_EQ(kernel.run([&] { return tool_main(3, argv); }), 300);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "execute fail ret = 300\n");
 }
 
 }  // namespace

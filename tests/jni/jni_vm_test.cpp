@@ -30,13 +30,13 @@ TEST_F(JniCalls, PathsAreModifiedUtf8) {
     const std::u16string name = {u'x', u'\u00E9', 0xD83D, 0xDCF7, 0, u'y'};
     const std::string bytes = "x\xC3\xA9\xED\xA0\xBD\xED\xB3\xB7\xC0\x80y";
     const std::string source = at("source-" + bytes);
-    const std::string target = at("target-" + bytes);
+    const std::string target = at("a;target-" + bytes);
     fs::create_directory(source);
     write(source + "/file", "content");
     JNIEnv* const env = startVm();
     ASSERT_NE(env, nullptr);
-    jstring from = java(env, fs::path(at("source-")).u16string() + name);
-    jstring to = java(env, fs::path(at("target-")).u16string() + name);
+    jstring from = java(env, u";;" + fs::path(at("source-")).u16string() + name + u";");
+    jstring to = java(env, fs::path(at("a;target-")).u16string() + name);
 
     EXPECT_EQ(Java_com_storage_f2fs_libsnapshot_native_precreatedirsnapshot(env, from), 0);
     EXPECT_EQ(Java_com_storage_f2fs_libsnapshot_native_createdirsnapshot(env, from, to), 0);
