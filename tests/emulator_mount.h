@@ -19,8 +19,8 @@ class EmulatorMount {
 
     // Starts the daemon, in front, and waits until it serves. False: it did not; errors() tells.
     bool start();
-    // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status, 128 +
-    // the signal that killed it, or -1 when there is none. With SIGKILL the mount point is freed.
+    // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status or 128
+    // + the signal that killed it; 0 when there is none. SIGKILL frees the mount point as well.
     int stop(int signal);
     void kill9() {
         stop(SIGKILL);

@@ -291,7 +291,9 @@ TEST_F(EmulatorTest, RefusalsLeaveTheFileAlone) {
 }
 
 // Without a mount, as an ordinary user.
-TEST_F(TestTree, ShortRecordsAreRefusedAndReadOnlyFilesServed) {
+using EmulatorRequests = TestTree;
+
+TEST_F(EmulatorRequests, ShortRecordsAreRefusedAndReadOnlyFilesServed) {
     chmod(root.c_str(), 0777);
     ASSERT_EQ(seteuid(geteuid() == 0 ? 65534 : geteuid()), 0);
     const UniqueFd fd = openAt(at("file"), O_CREAT | O_RDWR, 0440);
@@ -307,7 +309,7 @@ TEST_F(TestTree, ShortRecordsAreRefusedAndReadOnlyFilesServed) {
             size_changed);
     };
     EXPECT_EQ(serve(F2FS_IOC_DEDUP_GET_FILE_INFO, 7), EINVAL);  // its answer would be
-    EXPECT_EQ(serve(F2FS_IOC_CLONE_FILE, 7), EINVAL);           // its argument is
+    EXPECT_EQ(serve(F2FS_IOC_SNAPSHOT_PREPARE, 3), EINVAL);     // its argument is
     EXPECT_EQ(serve(F2FS_IOC_MODIFY_CHECK, 8), 0);
     EXPECT_EQ(modeOf(at("file")), 0440);
     ASSERT_EQ(seteuid(getuid()), 0);

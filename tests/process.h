@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -41,11 +42,9 @@ inline int endChild(pid_t child, int signal = 0) {
 
 // Becomes a program that writes to these descriptors. Returns only when there is none.
 inline int execute(const std::vector<std::string>& arguments, int out, int err) {
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(arguments.size() + 1);  // the last one stays nullptr
+    std::transform(arguments.begin(), arguments.end(), argv.begin(),
+                   [](const std::string& text) { return const_cast<char*>(text.c_str()); });
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
     execvp(argv[0], argv.data());
@@ -56,9 +55,8 @@ inline Outcome runProcess(const std::vector<std::string>& arguments) {
     const int out = memfd_create("out", MFD_CLOEXEC);
     const int err = memfd_create("err", MFD_CLOEXEC);
     const int status = endChild(startChild([&] { return execute(arguments, out, err); }));
-    const std::string descriptors = "/proc/self/fd/";
-    const Outcome outcome = {status, read(descriptors + std::to_string(out)),
-                             read(descriptors + std::to_string(err))};
+    Outcome outcome = {status, read("/proc/self/fd/" + std::to_string(out)),
+                       read("/proc/self/fd/" + std::to_string(err))};
     close(out);
     close(err);
     return outcome;
