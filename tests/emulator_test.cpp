@@ -133,12 +133,15 @@ TEST_F(EmulatorTest, BehavesAsAPlainFolder) {
         fs::remove_all(sides[0]);
         fs::remove_all(sides[1]);
     }
-    // Unnamed files belong to who makes them, too, as no command shows.
+    // What no command shows: unnamed files belong to who makes them, too.
     fs::current_path(volume.mount());
     ASSERT_TRUE(chmod(".", 0777) == 0 && setegid(2000) == 0 && seteuid(1000) == 0);
     EXPECT_EQ(linkUnnamed("named"), 0);
     ASSERT_TRUE(seteuid(0) == 0 && setegid(0) == 0);
     EXPECT_EQ(shell("stat -c %u:%g ../backing/named"), "1000:2000\n");
+    char byte = 0;  // too small for a value
+    EXPECT_EQ(setxattr("named", "user.x", "long", 4, 0), 0);
+    EXPECT_TRUE(getxattr("named", "user.x", &byte, 1) == -1 && errno == ERANGE);
 }
 
 TEST_F(EmulatorTest, KnowsManyFilesWithoutDescriptorsAndListsThemWhileTheyGo) {
