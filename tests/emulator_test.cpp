@@ -125,7 +125,8 @@ TEST_F(EmulatorTest, BehavesAsAPlainFolder) {
         for (const size_t side : {0U, 1U}) {
             fs::create_directory(sides[side]);
             fs::current_path(sides[side]);
-            outcomes[side] = shell(script) + shell(dump);
+            outcomes[side] = shell(script);
+            outcomes[side] += shell(dump);
         }
         EXPECT_EQ(outcomes[1], outcomes[0]);
         EXPECT_EQ(outcomes[0].find("not found"), std::string::npos) << outcomes[0];
