@@ -95,7 +95,7 @@ constexpr const char* BEHAVIOURS[] = {
     // A file lives on without a name, and by its other names.
     R"sh(echo content >one; ln one two; ln one three; echo replaces >other; exec 3<>one; unlink one
          chmod 601 /dev/fd/3; unlink three; chmod 602 /dev/fd/3; mv other two; chmod 603 /dev/fd/3
-         truncate -s 3 /dev/fd/3; stat -Lc '%a %h %s' /dev/fd/3; cat /dev/fd/3; ln -L /dev/fd/3 x)sh",
+         truncate -s 3 /dev/fd/3; stat -Lc '%a %h' /dev/fd/3; cat /dev/fd/3; ln -L /dev/fd/3 x)sh",
     // Sizes, holes and appending.
     R"sh(truncate -s 5G f; printf x >>f; fallocate -n -o 5G -l 90000 f; fallocate -p -l 1 f
          stat -c '%s %b' f; tail -c 1 f; timeout 9 cp f g; stat -c '%s %b' g; truncate -s 100 f g
