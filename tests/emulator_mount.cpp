@@ -54,10 +54,10 @@ std::string EmulatorMount::errors() const {
 
 void EmulatedVolume::SetUp() {
     // Without the emulator, so that its own failure to mount is a failure of the test.
-    static const Outcome trial =
-        runProcess({"sh", "-c",
-                    ": <>/dev/fuse && if [ $(id -u) = 0 ]; then unshare -m mount -t tmpfs none "
-                    "/tmp; else fusermount3 -V; fi"});
+    static const Outcome trial = runProcess({"sh", "-c", R"(
+        [ -w /dev/fuse ] || { ls -l /dev/fuse >&2; exit 1; }
+        [ $(id -u) != 0 ] || exec unshare --mount mount -t tmpfs none /tmp
+        exec fusermount3 -V)"});
     if (trial.status != 0) {
         GTEST_SKIP() << "volumes cannot be mounted here: " << trial.err;
     }
