@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -18,11 +19,12 @@ class EmulatorMount {
 
     // Starts the daemon, in front, and waits until it serves. False: it did not; errors() tells.
     bool start();
-    // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status, 128 +
-    // the signal that killed it, or -1 when there is none.
+    // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status or 128
+    // + the signal that killed it; 0 when there is none. SIGKILL frees the mount point as well.
     int stop(int signal);
-    // Ends it without a chance to do anything, and frees the mount point.
-    void kill9();
+    void kill9() {
+        stop(SIGKILL);
+    }
 
     const std::filesystem::path& root() const {
         return root_;
@@ -36,7 +38,7 @@ class EmulatorMount {
     pid_t pid() const {
         return pid_;
     }
-    // What the daemons of this volume wrote to standard error so far.
+    // What the daemons of this volume complained of so far.
     std::string errors() const;
 
   private:

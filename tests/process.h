@@ -3,13 +3,16 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <stdio.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
+
+#include "test_tree.h"
 
 struct Outcome {
     int status = -1;  // the exit status, or 128 + the signal that ended it
@@ -29,49 +32,37 @@ pid_t startChild(Body body, int at_the_end = SIGKILL) {
     return child;
 }
 
-// Starts a program that writes to these descriptors.
-inline pid_t startProcess(const std::vector<std::string>& arguments, int out, int err,
-                          int at_the_end = SIGKILL) {
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    return startChild(
-        [&] {
-            dup2(out, STDOUT_FILENO);
-            dup2(err, STDERR_FILENO);
-            execvp(argv[0], argv.data());
-            return 127;
-        },
-        at_the_end);
-}
-
-// The exit status in what waitpid told, or 128 + the signal that ended the process.
-inline int exitStatus(int wait_status) {
-    return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
-}
-
 // Sends a signal (0: none) to a child and waits for its end. Returns the status, as above.
 inline int endChild(pid_t child, int signal = 0) {
     int status = 0;
     kill(child, signal);
     waitpid(child, &status, 0);
-    return exitStatus(status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-inline std::string contentOf(FILE* file) {
-    std::string text(static_cast<size_t>(lseek(fileno(file), 0, SEEK_END)), '\0');
-    rewind(file);
-    text.resize(fread(text.data(), 1, text.size(), file));
-    fclose(file);
-    return text;
+// Becomes a program that writes to these descriptors. Returns only when there is none.
+inline int execute(const std::vector<std::string>& arguments, int out, int err) {
+    std::vector<char*> argv(arguments.size() + 1);  // the last one stays nullptr
+    std::transform(arguments.begin(), arguments.end(), argv.begin(),
+                   [](const std::string& text) { return const_cast<char*>(text.c_str()); });
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    execvp(argv[0], argv.data());
+    return 127;
 }
 
 inline Outcome runProcess(const std::vector<std::string>& arguments) {
-    FILE* out = tmpfile();
-    FILE* err = tmpfile();
-    const int status = endChild(startProcess(arguments, fileno(out), fileno(err)));
-    return {status, contentOf(out), contentOf(err)};
+    const int out = memfd_create("out", MFD_CLOEXEC);
+    const int err = memfd_create("err", MFD_CLOEXEC);
+    const int status = endChild(startChild([&] { return execute(arguments, out, err); }));
+    Outcome outcome = {status, read("/proc/self/fd/" + std::to_string(out)),
+                       read("/proc/self/fd/" + std::to_string(err))};
+    close(out);
+    close(err);
+    return outcome;
+}
+
+// What commands say, errors included.
+inline std::string shell(const std::string& script) {
+    return runProcess({"sh", "-c", "exec 2>&1; export LC_ALL=C; " + script}).out;
 }

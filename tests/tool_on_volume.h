@@ -11,8 +11,9 @@ class ToolOnVolume : public EmulatedVolume {
     ToolOnVolume() {
         fs::create_directory(volume.backing() / "source");
     }
-    // The command line for pre, create or destroy with source and target.
-    std::vector<std::string> commandLine(const std::string& command) const {
+    // Runs pre, create or destroy with source and target. Returns its exit status and keeps its
+    // log.
+    int run(const std::string& command) {
         std::vector<std::string> words = {F2FS_SNAPSHOT_TOOL_PATH, command};
         if (command != "destroy") {
             words.push_back(source);
@@ -20,11 +21,7 @@ class ToolOnVolume : public EmulatedVolume {
         if (command != "pre") {
             words.push_back(target);
         }
-        return words;
-    }
-    // Runs it. Returns its exit status and keeps its log.
-    int run(const std::string& command) {
-        const Outcome outcome = runProcess(commandLine(command));
+        const Outcome outcome = runProcess(words);
         log = outcome.err;
         EXPECT_EQ(outcome.out == "execute sucess\n", outcome.status == 0) << outcome.out << log;
         return outcome.status;
