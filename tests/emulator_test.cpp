@@ -143,6 +143,13 @@ TEST_F(EmulatorTest, BehavesAsAPlainFolder) {
     char byte = 0;  // too small for a value
     EXPECT_EQ(setxattr("named", "user.x", "long", 4, 0), 0);
     EXPECT_TRUE(getxattr("named", "user.x", &byte, 1) == -1 && errno == ERANGE);
+    // Names exchanged while a file is open.
+    write("other", "other");
+    const UniqueFd other = openAt("other", O_RDWR);
+    EXPECT_EQ(renameat2(AT_FDCWD, "named", AT_FDCWD, "other", RENAME_EXCHANGE), 0);
+    EXPECT_EQ(fchmod(other.get(), 0601), 0);
+    EXPECT_EQ(ftruncate(other.get(), 2), 0);
+    EXPECT_EQ(shell("stat -c '%n %a %s' *"), "named 601 2\nother 755 0\n");
 }
 
 TEST_F(EmulatorTest, KnowsManyFilesWithoutDescriptorsAndListsThemWhileTheyGo) {

@@ -35,6 +35,7 @@ TEST_F(EndToEndTest, SnapshotsOfRandomTreesEqualTheirSources) {
         entries += before.size();
         ASSERT_EQ(CreateDirSnapshot({source}, target), 0);
         EXPECT_EQ(dump(mirror()), before);
+        EXPECT_EQ(dump(source), before);
         ASSERT_EQ(DestroyDirSnapshot(target), 0);
         EXPECT_TRUE(fs::is_empty(target));
     }

@@ -166,7 +166,10 @@ TEST_F(SmallDisk, IsFullAtEveryStep) {
         printf("full at %d points by %s\n", points, limit.c_str());
         EXPECT_GT(points, 5);
         EXPECT_EQ(dump(mirror()), before);
-        EXPECT_EQ(destroy(), 0) << "on a full disk";
+        const std::string folder = "cd " + disk.string() + "; ";
+        shell(folder + "cat /dev/zero >filler; for i in $(seq 99); do touch filler$i; done");
+        EXPECT_EQ(destroy(), 0) << "on a disk without any room";
+        shell(folder + "rm filler*");
         ASSERT_TRUE(remount(disk, limit + "=4000"));
         expectNextRound();
     }
