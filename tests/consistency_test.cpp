@@ -79,7 +79,9 @@ class ConsistencyTest : public EmulatedVolume {
         shared->halt = true;
         while (shared->halted != writers.size()) {
             usleep(NAP);
-            if (waitpid(-1, nullptr, WNOHANG) != 0) {
+            siginfo_t ended = {};  // left to be waited for, so that the next caller is told too
+            waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT);
+            if (ended.si_pid != 0) {
                 return false;
             }
         }

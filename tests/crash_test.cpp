@@ -84,6 +84,7 @@ TEST_F(CrashTest, TheToolIsKilled) {
 TEST_F(CrashTest, TheEmulatorIsKilled) {
     makeSource();
     const std::vector<std::string> before = dump(source);
+    fs::create_directory(target);
     EXPECT_EQ(create(), 0);
     const size_t calls = kernel.calls;
     int cut_short = 0;
@@ -102,11 +103,11 @@ TEST_F(CrashTest, TheEmulatorIsKilled) {
     std::cout << cut_short << " creates cut short" << std::endl;
 }
 
-using SwapTest = TestTree;
+using SwapRaceTest = TestTree;
 
 // How often the window of destroy is hit by somebody who waits for its first removal and then puts
 // a link in the place of a folder.
-TEST_F(SwapTest, AFolderSwappedInARace) {
+TEST_F(SwapRaceTest, AFolderSwappedInARace) {
     int emptied = 0;
     const int destroys = rounds(20, 1000);
     for (int round = 0; round < destroys; ++round) {
@@ -122,7 +123,7 @@ TEST_F(SwapTest, AFolderSwappedInARace) {
             return moved ? symlink("../../out", "d/snapshot/m") : 1;
         });
         const int status = runProcess({F2FS_SNAPSHOT_TOOL_PATH, "destroy", "d"}).status;
-        endChild(swapper);
+        endChild(swapper, SIGKILL);
         close(watch);
         const bool hit = !fs::exists("out/f");
         emptied += hit ? 1 : 0;

@@ -22,10 +22,10 @@ EmulatorMount::~EmulatorMount() {
 }
 
 bool EmulatorMount::start() {
-    const std::string command = "exec " F2FS_EMULATOR_PATH " backing mount -f 2>>errors";
     const auto daemon = [&] {
         fs::current_path(root_);
-        return execute({"sh", "-c", command}, STDOUT_FILENO, STDERR_FILENO);
+        return execute({F2FS_EMULATOR_PATH, "backing", "mount", "-f"}, STDOUT_FILENO,
+                       open("errors", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     };
     pid_ = startChild(daemon, SIGTERM);  // a test that crashes leaves no mount behind either
     while (runProcess({"mountpoint", "-q", mount()}).status != 0) {
@@ -61,6 +61,7 @@ void EmulatedVolume::SetUp() {
     if (trial.status != 0) {
         GTEST_SKIP() << "volumes cannot be mounted here: " << trial.err;
     }
+    umask(022);  // modes are compared
     ASSERT_TRUE(volume.start()) << volume.errors();
 }
 

@@ -17,7 +17,8 @@ class EmulatorMount {
     EmulatorMount(const EmulatorMount&) = delete;
     EmulatorMount& operator=(const EmulatorMount&) = delete;
 
-    // Starts the daemon, in front, and waits until it serves. False: it did not; errors() tells.
+    // Starts the daemon, in the foreground, and waits until it serves. False: it did not; errors()
+    // tells.
     bool start();
     // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status or 128
     // + the signal that killed it; 0 when there is none. SIGKILL frees the mount point as well.

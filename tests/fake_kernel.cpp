@@ -27,6 +27,11 @@ constexpr size_t MODELLED_BYTES = 1 << 16;  // of a file's content; beyond it on
     reinterpret_cast<decltype(&::function)>( \
         dlsym(RTLD_NEXT, sizeof(void*) == 4 ? #function "64" : #function))
 
+int realIoctl(int fd, unsigned long code, void* record) {
+    using Ioctl = int (*)(int, unsigned long, ...);  // spelled out: some headers overload the name
+    return reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"))(fd, code, record);
+}
+
 std::string vformat(const char* text, va_list arguments) {
     char buffer[16384];
     vsnprintf(buffer, sizeof buffer, text, arguments);
@@ -186,7 +191,7 @@ int FakeKernel::request(int fd, unsigned long code, void* record) {
     if (const std::optional<int> result = intercept(call, record)) {
         return *result;
     }
-    return note(call, has_driver ? model(fd, name, record) : REAL(ioctl)(fd, code, record));
+    return note(call, has_driver ? model(fd, name, record) : realIoctl(fd, code, record));
 }
 
 namespace {
@@ -229,7 +234,7 @@ int ioctl(int fd, unsigned long code, ...) noexcept {
     void* record = va_arg(arguments, void*);
     va_end(arguments);
     FakeKernel* kernel = FakeKernel::active;
-    return kernel == nullptr ? REAL(ioctl)(fd, code, record) : kernel->request(fd, code, record);
+    return kernel == nullptr ? realIoctl(fd, code, record) : kernel->request(fd, code, record);
 }
 
 int open(const char* path, int flags, ...) {

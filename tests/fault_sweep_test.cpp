@@ -264,6 +264,7 @@ TEST_P(FaultSweep, IsDisturbedAtEveryCall) {
             ASSERT_FALSE(HasFailure());
         }
     }
+    EXPECT_GT(disturbances, 0U);
 }
 
 const Scenario SCENARIOS[] = {

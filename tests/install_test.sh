@@ -49,6 +49,7 @@ use() {
 
     rm -rf "$work/by_cmake"
     cmake -S "$work/outside" -B "$work/by_cmake" -DCMAKE_PREFIX_PATH="$prefix"
+    grep "^f2fs_snapshot_DIR:PATH=$prefix/" "$work/by_cmake/CMakeCache.txt" # and no other one
     cmake --build "$work/by_cmake"
     "$work/by_cmake/outside" 2>&1 | grep 'invalid file_handle = -1' # which the library logs
 

@@ -13,6 +13,7 @@
 
 namespace {
 
+// The source and the target; HERE is "$" in traces.
 const std::string S = HERE + "/s";
 const std::string D = HERE + "/d";
 const std::string MIRROR = D + "/snapshot" + S;
@@ -41,9 +42,11 @@ class LimitsTest : public TestTree {
         for (std::string step; std::getline(steps >> std::ws, step, ';');) {
             const std::string folder = step.substr(step.rfind(' ') + 1);
             if (step == "prepare " + folder) {
-                kernel->run([&] { return PreCreateDirSnapshot({HERE + "/" + folder}); });
+                EXPECT_EQ(kernel->run([&] { return PreCreateDirSnapshot({HERE + "/" + folder}); }),
+                          0);
             } else if (step == "create " + folder) {
-                kernel->run([&] { return CreateDirSnapshot({S}, HERE + "/" + folder); });
+                EXPECT_EQ(kernel->run([&] { return CreateDirSnapshot({S}, HERE + "/" + folder); }),
+                          0);
             } else if (step == "unreadable " + folder) {
                 kernel->answer("opendir $/" + folder, {-1, EACCES, {}});
             } else {
@@ -89,6 +92,8 @@ const Limit LIMITS[] = {
     {"covered: a marked file under a new name", "", "mv -T o/marked s/n",
      "a:old b:old link->old m/ m/c:old n:else z:old "},
     {"covered: a prepare meanwhile, of a prepared file", "", "printf new >s/a; prepare s", NEW_A},
+    {"covered: what comes before a folder that a pass cannot read", "",
+     "unreadable s/m; printf new >s/a", NEW_A},
 
     {"a deleted file keeps its snapshot", "", "rm s/a", OLD},
     {"a new folder is missed while it holds no file", "", "mkdir -p s/n/n", OLD},

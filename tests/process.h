@@ -24,6 +24,10 @@ struct Outcome {
 template <typename Body>
 pid_t startChild(Body body, int at_the_end = SIGKILL) {
     const pid_t child = fork();
+    if (child < 0) {
+        perror("fork");
+        abort();  // -1 as a process would be every process
+    }
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, at_the_end);
         alarm(3600);  // who waits for ever shall fail the test, not block it

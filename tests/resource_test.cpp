@@ -119,7 +119,8 @@ TEST_F(ResourceTest, PermissionsOfAnOrdinaryUser) {
     }
 }
 
-// The backing folder is a small file system of memory, mounted where nobody else sees it.
+// The backing folder is a small file system of memory, mounted where nobody else sees it; it
+// hides the source that was made there.
 class SmallDisk : public ResourceTest {
   protected:
     void SetUp() override {
@@ -166,8 +167,10 @@ TEST_F(SmallDisk, IsFullAtEveryStep) {
         printf("full at %d points by %s\n", points, limit.c_str());
         EXPECT_GT(points, 5);
         EXPECT_EQ(dump(mirror()), before);
-        const std::string folder = "cd " + disk.string() + "; ";
-        shell(folder + "cat /dev/zero >filler; for i in $(seq 99); do touch filler$i; done");
+        const std::string folder = "cd " + disk.string() + " || exit; ";
+        const std::string filled =
+            shell(folder + "cat /dev/zero >filler; for i in $(seq 99); do touch filler$i; done");
+        EXPECT_NE(filled.find("No space left"), std::string::npos) << filled;
         EXPECT_EQ(destroy(), 0) << "on a disk without any room";
         shell(folder + "rm filler*");
         ASSERT_TRUE(remount(disk, limit + "=4000"));

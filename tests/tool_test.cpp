@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 
 #include "fake_kernel.h"
+#include "main.h"
 #include "process.h"
 #include "test_tree.h"
 
@@ -83,6 +84,9 @@ TEST_F(ToolTest, APositiveResultIsAFailureToo) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(kernel.run([&] { return tool_main(3, argv); }), 300);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "execute fail ret = 300\n");
+
+    kernel.fault = {1, true, EIO};  // its folders are not this test's: no call gets through
+    EXPECT_EQ(kernel.run(default_testcase), -2);
 }
 
 }  // namespace

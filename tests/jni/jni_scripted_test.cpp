@@ -77,7 +77,8 @@ struct ScriptedVm : JavaVM_, JNIEnv_ {
                 Dl_info function = {};
                 dladdr(methods[i].fnPtr, &function);
                 note(std::string("register ") + methods[i].name + methods[i].signature);
-                note(std::string("  as ") + function.dli_sname);
+                note(std::string("  as ") +
+                     (function.dli_sname != nullptr ? function.dli_sname : "?"));
             }
             return static_cast<ScriptedVm*>(env)->answers.register_natives;
         };
