@@ -163,6 +163,7 @@ class ConsistencyTest : public EmulatedVolume {
     int32_t create() {
         return kernel->run([&] { return CreateDirSnapshot({at("s"), at("t")}, at("target")); });
     }
+
     // How far a create is.
     struct Progress {
         size_t requests = 0;
