@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the in-process benchmarks share. Trees and mounts come from outside, see run.py.
 #pragma once
 

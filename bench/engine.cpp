@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine against bare loops of the same system calls, and with its log against without.
 //
 // usage: bench_engine SOURCE TARGET     both on one file system; SOURCE holds folders of files
@@ -8,9 +9,9 @@
 
 #include <vector>
 
-#include "bench.h"
-#include "snapshot.h"
-#include "stub.h"
+#include "bench/bench.h"
+#include "bench/stub.h"
+#include "snapshot/snapshot.h"
 
 namespace {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulator against bindfs, operation by operation on one backing folder, each time on files
 // that the kernel has not seen through the mount before.
 //
@@ -10,7 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "bench.h"
+#include "bench/bench.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes what run.py measured between the markers of DOCS_DIR/benchmarks.md, and draws the plots.
 
 usage: report.py RESULTS_DIR DOCS_DIR

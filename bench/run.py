@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs one part of the benchmarks and writes what it measured to OUT/PART.json.
 
 usage: run.py BUILD_DIR PART [--smoke] [--out OUT]     PART: see the end of this file

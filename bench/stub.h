@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the stand-ins of the driver and of the log do, and what they saw.
 #pragma once
 

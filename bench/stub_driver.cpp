@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // A driver that answers every request at once. Linked into a benchmark or preloaded into the tool,
 // it takes the place of ioctl.
 #include <stdarg.h>
 
-#include "f2fs_ioctl.h"
-#include "stub.h"
+#include "bench/stub.h"
+#include "snapshot/f2fs_ioctl.h"
 
 bool stub_layered = false;
 

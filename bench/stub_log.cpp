@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // A log that discards its lines at once. Linked or preloaded, it takes the place of the log
 // library, to which it can also pass the lines on.
 #include <android/log.h>
 #include <stdarg.h>
 
-#include "stub.h"
+#include "bench/stub.h"
 
 bool stub_log_on = false;
 long stub_log_lines = 0;

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds Android's log library: the NDK's on a device, Debian's android-liblog-dev elsewhere.
 # Defines the imported target AndroidLog::log.
 if(ANDROID)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds GoogleTest: the installed library where it is one for this target; else, as in cross builds,
 # it is built from Debian's sources of it.
 if(TARGET GTest::gtest)

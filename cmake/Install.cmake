@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Where everything goes on `cmake --install`, and the Debian package made of it (`cpack`).
 
 set_target_properties(f2fs_snapshot PROPERTIES
@@ -12,7 +13,7 @@ if(NOT ANDROID)
         BUILD_WITH_INSTALL_RPATH ON
         INSTALL_RPATH_USE_LINK_PATH ON)
 endif()
-# Users include <f2fs_snapshot/snapshot.h>: paths.h is too common a name to stand alone.
+# Users include <f2fs_snapshot/snapshot.h>. Every declaration there can be linked.
 target_include_directories(f2fs_snapshot INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_compile_features(f2fs_snapshot INTERFACE cxx_std_17)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/f2fs_snapshot)
@@ -24,8 +25,8 @@ install(FILES
             jni/snapshot_jni.h
             snapshot/export.h
             snapshot/f2fs_ioctl.h
+            snapshot/path_list.h
             snapshot/snapshot.h
-            tool/paths.h
         DESTINATION ${header_dir})
 
 # The library needs nothing else of its users, so the exported target is the whole configuration.

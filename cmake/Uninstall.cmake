@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Removes what the last `cmake --install` put in place, by its manifest in the build folder, and the
 # folders named f2fs_snapshot where that leaves them empty.
 #

@@ -1,4 +1,5 @@
-#include "copy.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "emulator/copy.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Giving one backing file the data of another.
 #pragma once
 

@@ -1,11 +1,12 @@
-#include "file_state.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "emulator/file_state.h"
 
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
 
-#include "f2fs_ioctl.h"
+#include "snapshot/f2fs_ioctl.h"
 
 namespace emulator {
 namespace {

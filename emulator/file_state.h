@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver's state of a file, kept in an extended attribute of the backing file: it outlives the
 // mount and the daemon.
 #pragma once
 
-#include "inode.h"
+#include "emulator/inode.h"
 
 namespace emulator {
 

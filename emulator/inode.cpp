@@ -1,4 +1,5 @@
-#include "inode.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "emulator/inode.h"
 
 #include <fcntl.h>
 #include <stdio.h>

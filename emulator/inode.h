@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The files the kernel knows of, and how each is reached in the backing folder.
 //
 // A known directory holds a descriptor. A known file holds none: it is reached by name from its
@@ -17,7 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "unique_fd.h"
+#include "emulator/unique_fd.h"
 
 struct fuse_session;
 

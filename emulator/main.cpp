@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // f2fs_emulator: shows a folder as a volume of the driver.
 #include <fcntl.h>
 #include <getopt.h>
@@ -20,9 +21,9 @@
 #include <filesystem>
 #include <string>
 
-#include "file_state.h"
-#include "inode.h"
-#include "operations.h"
+#include "emulator/file_state.h"
+#include "emulator/inode.h"
+#include "emulator/operations.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,5 @@
-#include "operations.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "emulator/operations.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,9 +16,9 @@
 #include <ctime>
 #include <utility>
 
-#include "file_state.h"
-#include "inode.h"
-#include "requests.h"
+#include "emulator/file_state.h"
+#include "emulator/inode.h"
+#include "emulator/requests.h"
 
 namespace emulator {
 namespace {

@@ -1,4 +1,5 @@
-#include "requests.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "emulator/requests.h"
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -9,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "copy.h"
-#include "f2fs_ioctl.h"
-#include "file_state.h"
+#include "emulator/copy.h"
+#include "emulator/file_state.h"
+#include "snapshot/f2fs_ioctl.h"
 
 namespace emulator {
 namespace {

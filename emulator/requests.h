@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver's six requests, free of FUSE.
 #pragma once
 
@@ -6,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "inode.h"
+#include "emulator/inode.h"
 
 namespace emulator {
 

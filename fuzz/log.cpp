@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Formats the log lines, so that their arguments are looked at, and drops them.
 #include <android/log.h>
 #include <stdarg.h>

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
 // checkPathRegulate and mkdirsLoop: an accepted path is made whole or not, and never elsewhere.
-#include "fuzz.h"
-#include "paths.h"
+#include "fuzz/fuzz.h"
+#include "tool/paths.h"
 
 namespace {
 

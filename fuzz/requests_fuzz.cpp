@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulator's request handler beside a model of what it promises: the same requests succeed, and
 // all files have the state and the content that these leave them with. A descriptor that is lost
 // shows too, in the run that meets the limit.
@@ -8,9 +9,9 @@
 #include <array>
 #include <cstring>
 
-#include "f2fs_ioctl.h"
-#include "fuzz.h"
-#include "requests.h"
+#include "emulator/requests.h"
+#include "fuzz/fuzz.h"
+#include "snapshot/f2fs_ioctl.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
 // splitDirsString: the pieces are the text between the runs of delimiters, in order.
-#include "fuzz.h"
-#include "paths.h"
+#include "fuzz/fuzz.h"
+#include "tool/paths.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);

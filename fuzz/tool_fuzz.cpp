@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tool's argument handling: which engine calls it makes, what it prints and what it returns.
-#include "fuzz.h"
-#include "paths.h"
-#include "snapshot.h"
+#include "fuzz/fuzz.h"
+#include "snapshot/snapshot.h"
+#include "tool/paths.h"
 
 int toolMain(int argc, char** argv);
 

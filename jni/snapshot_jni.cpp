@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Java bridge: Java strings in, the engine's result out.
-#include "snapshot_jni.h"
+#include "jni/snapshot_jni.h"
 
 #include <iterator>
 #include <string>
 #include <vector>
 
-#include "log.h"
-#include "paths.h"
-#include "snapshot.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
+#include "tool/paths.h"
 
 namespace {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Java bridge's functions, for native code that calls them itself.
 //
 // They take the environment of the calling thread and the strings directly after it: there is no

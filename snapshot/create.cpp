@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Create: builds a snapshot root and repeats check passes until nothing changed meanwhile.
 #include <errno.h>
 #include <sys/stat.h>
@@ -5,10 +6,10 @@
 
 #include <algorithm>
 
-#include "destroy.h"
-#include "log.h"
-#include "paths.h"
-#include "snapshot.h"
+#include "snapshot/destroy.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
+#include "tool/paths.h"
 
 namespace {
 

@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
 // Destroy: removes a snapshot root.
-#include "destroy.h"
+#include "snapshot/destroy.h"
 
 #include <unistd.h>
 
-#include "log.h"
-#include "paths.h"
-#include "snapshot.h"
-#include "walk.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
+#include "snapshot/walk.h"
+#include "tool/paths.h"
 
 namespace {
 

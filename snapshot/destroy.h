@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal: the recursive removal that destroy and a failed create share.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library shows to its users; everything else is built hidden.
 #pragma once
 

@@ -1,6 +1,7 @@
-#include "f2fs_ioctl.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "snapshot/f2fs_ioctl.h"
 
-#include "log.h"
+#include "snapshot/log.h"
 
 int32_t revokeDedupFile(int32_t file_handle) {
     if (file_handle < 0) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver's snapshot interface: six ioctl requests on files of an F2FS volume.
 //
 // All records are in native byte order, naturally aligned and without padding. The kernel is the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal: the two steps of a file, by whole paths as the walks have them at hand.
 #pragma once
 

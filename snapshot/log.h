@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system's diagnostics: lines in the Android log under one tag.
 #pragma once
 

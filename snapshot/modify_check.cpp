@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
 // The modification check: finds the files whose snapshot is missing or out of date.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "f2fs_ioctl.h"
-#include "log.h"
-#include "snapshot.h"
-#include "walk.h"
+#include "snapshot/f2fs_ioctl.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
+#include "snapshot/walk.h"
 
 namespace {
 

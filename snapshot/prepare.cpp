@@ -1,14 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prepare: readies source files in the kernel, ahead of a snapshot or as its first step.
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "f2fs_ioctl.h"
-#include "files.h"
-#include "log.h"
-#include "paths.h"
-#include "snapshot.h"
-#include "walk.h"
+#include "snapshot/f2fs_ioctl.h"
+#include "snapshot/files.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
+#include "snapshot/walk.h"
+#include "tool/paths.h"
 
 namespace {
 

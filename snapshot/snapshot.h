@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Point-in-time snapshots of directory trees on F2FS: the engine's operations.
 //
 // Results. Every operation returns 0 on success; any other value, positive or negative, is a

@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
 // The first creation: mirrors one source tree into the snapshot.
 #include <errno.h>
 #include <sys/stat.h>
 
-#include "files.h"
-#include "log.h"
-#include "snapshot.h"
-#include "walk.h"
+#include "snapshot/files.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
+#include "snapshot/walk.h"
 
 namespace {
 

@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
 // The leaves of a snapshot: one regular file, one symbolic link.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "f2fs_ioctl.h"
-#include "files.h"
-#include "log.h"
-#include "snapshot.h"
+#include "snapshot/f2fs_ioctl.h"
+#include "snapshot/files.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
 
 namespace {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The directory-stream loop that prepare, create, check and destroy share.
 #pragma once
 
@@ -7,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "log.h"
+#include "snapshot/log.h"
 
 // What a walk is told of an entry, valid until the next one.
 struct dir_entry {

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Types command lines with tabs in them into an interactive bash and compares the arguments that
 # the programs get.
 #

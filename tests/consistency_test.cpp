@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One instant across files: create runs again and again while writers change files.
 //
 // Every change has a version and an interval of a clock that all processes share. A snapshot is
@@ -16,12 +17,12 @@
 #include <thread>
 #include <utility>
 
-#include "emulator_mount.h"
-#include "fake_kernel.h"
-#include "process.h"
-#include "snapshot.h"
-#include "test_tree.h"
-#include "trial.h"
+#include "snapshot/snapshot.h"
+#include "tests/emulator_mount.h"
+#include "tests/fake_kernel.h"
+#include "tests/process.h"
+#include "tests/test_tree.h"
+#include "tests/trial.h"
 
 namespace {
 

@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tool and emulator killed at any instant, and destroy in a race with somebody who puts a link in
 // its way.
 #include <sys/inotify.h>
 
 #include <functional>
 
-#include "fake_kernel.h"
-#include "snapshot.h"
-#include "tool_on_volume.h"
-#include "tree_gen.h"
+#include "snapshot/snapshot.h"
+#include "tests/fake_kernel.h"
+#include "tests/tool_on_volume.h"
+#include "tests/tree_gen.h"
 
 namespace {
 

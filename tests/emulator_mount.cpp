@@ -1,11 +1,12 @@
-#include "emulator_mount.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/emulator_mount.h"
 
 #include <sys/mount.h>
 
 #include <utility>
 
-#include "process.h"
-#include "test_tree.h"
+#include "tests/process.h"
+#include "tests/test_tree.h"
 
 EmulatorMount::EmulatorMount() {
     std::string name = fs::temp_directory_path() / "f2fs_emulator.XXXXXX";

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A volume of the driver emulator for tests: a private folder, mounted below a temporary folder by
 // a daemon of its own, gone with the object whatever became of the test.
 #pragma once

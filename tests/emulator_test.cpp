@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver emulator on a mounted volume.
 #include <dirent.h>
 #include <fcntl.h>
@@ -11,12 +12,12 @@
 #include <functional>
 #include <tuple>
 
-#include "emulator_mount.h"
-#include "f2fs_ioctl.h"
-#include "process.h"
-#include "requests.h"
-#include "snapshot.h"
-#include "test_tree.h"
+#include "emulator/requests.h"
+#include "snapshot/f2fs_ioctl.h"
+#include "snapshot/snapshot.h"
+#include "tests/emulator_mount.h"
+#include "tests/process.h"
+#include "tests/test_tree.h"
 
 namespace {
 

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // The real tool and library on a mounted emulator.
-#include "snapshot.h"
-#include "tool_on_volume.h"
-#include "tree_gen.h"
+#include "snapshot/snapshot.h"
+#include "tests/tool_on_volume.h"
+#include "tests/tree_gen.h"
 
 namespace {
 

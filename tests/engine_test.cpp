@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine on a fake kernel: which calls it makes, in which order, and what it says.
 #include <fcntl.h>
 #include <string.h>
@@ -5,10 +6,10 @@
 
 #include <algorithm>
 
-#include "f2fs_ioctl.h"
-#include "fake_kernel.h"
-#include "snapshot.h"
-#include "test_tree.h"
+#include "snapshot/f2fs_ioctl.h"
+#include "snapshot/snapshot.h"
+#include "tests/fake_kernel.h"
+#include "tests/test_tree.h"
 
 namespace {
 

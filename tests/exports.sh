@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Compares the functions that the library exports with the list below, whole.
 #
 # usage: exports.sh LIBRARY

@@ -1,4 +1,5 @@
-#include "fake_kernel.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/fake_kernel.h"
 
 #include <android/log.h>
 #include <dlfcn.h>
@@ -13,7 +14,7 @@
 
 #include <algorithm>
 
-#include "f2fs_ioctl.h"
+#include "snapshot/f2fs_ioctl.h"
 
 namespace {
 

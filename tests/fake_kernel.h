@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A kernel for tests: stands in for every system call that the library makes.
 //
 // In a run, the library's file calls go through the fake to the real temporary folder, its requests

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every call failed: each system call of prepare, create, destroy and of the cleanup in a failed
 // create fails in its turn, once and from then on, or finds the process killed or its folders
 // changed by others. Whatever happens, the result is a promised one, nothing stays open, the
@@ -7,10 +8,10 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "fake_kernel.h"
-#include "process.h"
-#include "snapshot.h"
-#include "tree_gen.h"
+#include "snapshot/snapshot.h"
+#include "tests/fake_kernel.h"
+#include "tests/process.h"
+#include "tests/tree_gen.h"
 
 namespace {
 

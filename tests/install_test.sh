@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build into a temporary folder, uses what is there as an outsider would, and uninstalls
 # it again; then the same with the Debian package on the system itself, where that may be done.
 #
@@ -24,7 +25,7 @@ trap cleanup EXIT
 mkdir "$work/outside"
 cat >"$work/outside/main.cpp" <<'END'
 #include <f2fs_snapshot/f2fs_ioctl.h>
-#include <f2fs_snapshot/paths.h>
+#include <f2fs_snapshot/path_list.h>
 #include <f2fs_snapshot/snapshot.h>
 
 int main() {

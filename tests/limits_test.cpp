@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the promises end: each limit made to happen at an exact call, among the cases next to it
 // that the promise of one instant covers.
 #include <sched.h>
@@ -7,9 +8,9 @@
 #include <regex>
 #include <sstream>
 
-#include "fake_kernel.h"
-#include "snapshot.h"
-#include "tree_gen.h"
+#include "snapshot/snapshot.h"
+#include "tests/fake_kernel.h"
+#include "tests/tree_gen.h"
 
 namespace {
 

@@ -1,7 +1,8 @@
-#include "paths.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "tool/paths.h"
 
-#include "fake_kernel.h"
-#include "test_tree.h"
+#include "tests/fake_kernel.h"
+#include "tests/test_tree.h"
 
 namespace {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs programs and keeps what they said.
 #pragma once
 
@@ -12,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "test_tree.h"
+#include "tests/test_tree.h"
 
 struct Outcome {
     int status = -1;  // the exit status, or 128 + the signal that ended it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the operations do where descriptors, disk space or permission run out.
 #include <fcntl.h>
 #include <grp.h>
@@ -8,9 +9,9 @@
 
 #include <functional>
 
-#include "snapshot.h"
-#include "tool_on_volume.h"
-#include "tree_gen.h"
+#include "snapshot/snapshot.h"
+#include "tests/tool_on_volume.h"
+#include "tests/tree_gen.h"
 
 namespace {
 

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // A test of the real tool on a mounted volume.
 #pragma once
 
-#include "emulator_mount.h"
-#include "process.h"
-#include "test_tree.h"
+#include "tests/emulator_mount.h"
+#include "tests/process.h"
+#include "tests/test_tree.h"
 
 // The source is an empty folder at first, the target does not exist.
 class ToolOnVolume : public EmulatedVolume {

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command-line tool, through its real binary where the engine's result can be had that way.
 #include <dlfcn.h>
 
-#include "fake_kernel.h"
-#include "main.h"
-#include "process.h"
-#include "test_tree.h"
+#include "tests/fake_kernel.h"
+#include "tests/process.h"
+#include "tests/test_tree.h"
+#include "tool/main.h"
 
 namespace {
 

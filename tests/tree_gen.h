@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Seeded random trees with everything that a file system allows, and a canonical dump by which two
 // trees are compared whole.
 #pragma once
@@ -6,8 +7,8 @@
 #include <functional>
 #include <vector>
 
-#include "test_tree.h"
-#include "trial.h"
+#include "tests/test_tree.h"
+#include "tests/trial.h"
 
 // A line per entry below top: folder/, link->text, file:content (a long one by size and hash).
 // Sorted, so that std::includes tells whether one tree is a part of another.

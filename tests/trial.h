@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests that try their luck: a seed that is printed and can be given, and a long form.
 //
 // F2FS_SNAPSHOT_SEED=N repeats a run's choices, F2FS_SNAPSHOT_LONG=1 runs the long form.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library exports a main of its own, so that a test program must not look for one.
 #include <gtest/gtest.h>
 

@@ -1,1 +1,2 @@
+// SPDX-License-Identifier: Apache-2.0
 // Empty on purpose: the executable's main is the one that the library exports.

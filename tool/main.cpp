@@ -1,5 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command-line tool: one command, one engine call, one verdict.
-#include "main.h"
+#include "tool/main.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -8,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "log.h"
-#include "paths.h"
-#include "snapshot.h"
+#include "snapshot/log.h"
+#include "snapshot/snapshot.h"
+#include "tool/paths.h"
 
 namespace {
 

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
 // Entries of the command-line tool; the executable takes them from the library.
 #pragma once
 
 #include <stdint.h>
 
-#include "export.h"
+#include "snapshot/export.h"
 
 // Prepares and snapshots fixed folders of the device, /data/media/0/DCIM and
 // /data/media/0/Documents, with the target /data/media/0/snapshotdir_001, and destroys the

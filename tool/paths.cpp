@@ -1,4 +1,5 @@
-#include "paths.h"
+// SPDX-License-Identifier: Apache-2.0
+#include "tool/paths.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -6,7 +7,7 @@
 
 #include <algorithm>
 
-#include "log.h"
+#include "snapshot/log.h"
 
 #ifdef __ANDROID__
 // The C library's own; its headers declare it only where fortified calls are switched on.

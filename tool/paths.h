@@ -1,19 +1,12 @@
-// Path routines that the front ends and the engine share.
+// SPDX-License-Identifier: Apache-2.0
+// Path routines that the front ends and the engine share. Only splitDirsString is exported.
 #pragma once
 
 #include <stdint.h>
 
 #include <string>
-#include <vector>
 
-#include "export.h"
-
-// Splits text at each delimiter and appends the pieces to pieces, in order; empty pieces are
-// dropped, nothing is trimmed, and entries already in pieces are kept.
-F2FS_SNAPSHOT_EXPORT void splitDirsString(const std::string& text, char delimiter,
-                                          std::vector<std::string>& pieces);
-
-// Internal to the library from here on: these symbols are not exported.
+#include "snapshot/path_list.h"  // IWYU pragma: export
 
 // Makes the directory path and every missing directory above it, with mode 0770 less the umask.
 // The path is limited to 254 bytes: a longer one aborts the process.

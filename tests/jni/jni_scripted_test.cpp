@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Java bridge against a scripted VM: what a healthy VM never does, the order of every call,
 // and many threads at once.
 #include <dlfcn.h>
@@ -8,9 +9,9 @@
 #include <optional>
 #include <vector>
 
-#include "../fake_kernel.h"
-#include "../test_tree.h"
-#include "snapshot_jni.h"
+#include "jni/snapshot_jni.h"
+#include "tests/fake_kernel.h"
+#include "tests/test_tree.h"
 
 namespace {
 

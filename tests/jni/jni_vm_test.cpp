@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Java bridge called with the strings of a Java VM that runs in this process, on a mounted
 // volume.
 #include <jni.h>
 
 #include <vector>
 
-#include "../emulator_mount.h"
-#include "../test_tree.h"
-#include "snapshot_jni.h"
+#include "jni/snapshot_jni.h"
+#include "tests/emulator_mount.h"
+#include "tests/test_tree.h"
 
 namespace {
 

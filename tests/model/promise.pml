@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The promise of a successful create, as a model: every file that existed throughout is in the
 // snapshot with its content as of one instant, the start of the last check pass.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 import android.app.backup.ZarixSnapshotProcesser;
 
 /** Loads the library, args[0], and with further arguments calls a registered method. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 package android.app.backup;
 
 /** The framework's class as the library expects it: the three methods that it registers. */
