@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The engine against bare loops of the same system calls, and with its log against without.
 //
-// usage: bench_engine SOURCE TARGET     both on one file system; SOURCE holds folders of files
+// usage: bench_engine SOURCE TARGET     both on one file system; SOURCE holds directories of files
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -32,13 +32,13 @@ struct Folder {
 };
 using Plan = std::vector<Folder>;
 
-std::vector<Place> list(const std::string& folder) {
+std::vector<Place> list(const std::string& directory) {
     std::vector<Place> places;
-    DIR* const stream = opendir(folder.c_str());
-    require(stream != nullptr, folder);
+    DIR* const stream = opendir(directory.c_str());
+    require(stream != nullptr, directory);
     while (const dirent* entry = readdir(stream)) {
         if (entry->d_name[0] != '.') {
-            const std::string path = folder + "/" + entry->d_name;
+            const std::string path = directory + "/" + entry->d_name;
             places.push_back({path, root + path});
         }
     }
@@ -47,15 +47,15 @@ std::vector<Place> list(const std::string& folder) {
 }
 
 Plan plan(const std::string& top) {
-    Plan folders;
+    Plan directories;
     for (const Place& place : list(top)) {
-        folders.push_back({place, list(place.path)});
+        directories.push_back({place, list(place.path)});
     }
-    return folders;
+    return directories;
 }
 
-DIR* readWhole(const std::string& folder) {
-    DIR* const stream = opendir(folder.c_str());
+DIR* readWhole(const std::string& directory) {
+    DIR* const stream = opendir(directory.c_str());
     while (readdir(stream) != nullptr) {
     }
     return stream;
@@ -63,25 +63,25 @@ DIR* readWhole(const std::string& folder) {
 
 // The calls of a walk and nothing else.
 template <typename OnFolder, typename OnFile>
-void bareWalk(const std::string& top, const Plan& folders, OnFolder onFolder, OnFile onFile) {
+void bareWalk(const std::string& top, const Plan& directories, OnFolder onFolder, OnFile onFile) {
     DIR* const top_stream = readWhole(top);
-    for (const Folder& folder : folders) {
-        onFolder(folder.place);
-        DIR* const stream = readWhole(folder.place.path);
-        for (const Place& file : folder.files) {
-            onFile(folder, file);
+    for (const Folder& directory : directories) {
+        onFolder(directory.place);
+        DIR* const stream = readWhole(directory.place.path);
+        for (const Place& file : directory.files) {
+            onFile(directory, file);
         }
         closedir(stream);
     }
     closedir(top_stream);
 }
 
-void nothing(const Place& /*folder*/) {}
+void nothing(const Place& /*directory*/) {}
 
-void bareFilePrepare(const Folder& folder, const Place& file) {
+void bareFilePrepare(const Folder& directory, const Place& file) {
     const int source_fd = open(file.path.c_str(), O_RDWR);
     if (!stub_layered) {
-        close(open(folder.place.path.c_str(), O_RDWR | O_TMPFILE, 0770));
+        close(open(directory.place.path.c_str(), O_RDWR | O_TMPFILE, 0770));
     }
     close(source_fd);
 }
@@ -102,12 +102,12 @@ void bareFileCheck(const Place& file) {
     require(stat(file.snapshot.c_str(), &snapshot_stat) == 0, file.snapshot);
 }
 
-void barePrepare(const Plan& folders) {
-    bareWalk(source, folders, nothing, bareFilePrepare);
+void barePrepare(const Plan& directories) {
+    bareWalk(source, directories, nothing, bareFilePrepare);
 }
 
-void bareCheck(const Plan& folders) {
-    bareWalk(source, folders, nothing,
+void bareCheck(const Plan& directories) {
+    bareWalk(source, directories, nothing,
              [](const Folder&, const Place& file) { bareFileCheck(file); });
 }
 
@@ -115,34 +115,34 @@ void makeMissing(const std::string& path) {
     struct stat folder_stat;
     for (size_t end = 1; end != std::string::npos;) {
         end = path.find('/', end + 1);
-        const std::string folder = path.substr(0, end);
-        require(stat(folder.c_str(), &folder_stat) == 0 || mkdir(folder.c_str(), 0770) == 0,
-                folder);
+        const std::string directory = path.substr(0, end);
+        require(stat(directory.c_str(), &folder_stat) == 0 || mkdir(directory.c_str(), 0770) == 0,
+                directory);
     }
 }
 
-void bareCreate(const Plan& folders) {
+void bareCreate(const Plan& directories) {
     struct stat root_stat;
     require(stat(root.c_str(), &root_stat) != 0, root + " is gone");
     makeMissing(root);
     makeMissing(mirror);
-    const auto makeFolder = [](const Place& folder) { mkdir(folder.snapshot.c_str(), 0770); };
-    bareWalk(source, folders, makeFolder, [](const Folder& folder, const Place& file) {
-        bareFilePrepare(folder, file);
+    const auto makeFolder = [](const Place& directory) { mkdir(directory.snapshot.c_str(), 0770); };
+    bareWalk(source, directories, makeFolder, [](const Folder& directory, const Place& file) {
+        bareFilePrepare(directory, file);
         bareFileSnapshot(file);
     });
-    bareCheck(folders);
+    bareCheck(directories);
 }
 
-void bareDestroy(const Plan& folders) {
+void bareDestroy(const Plan& directories) {
     std::vector<DIR*> above;
     for (size_t end = root.size(); end != std::string::npos; end = mirror.find('/', end + 1)) {
         above.push_back(readWhole(mirror.substr(0, end)));
     }
-    bareWalk(mirror, folders, nothing,
+    bareWalk(mirror, directories, nothing,
              [](const Folder&, const Place& file) { unlink(file.path.c_str()); });
-    for (const Folder& folder : folders) {
-        rmdir(folder.place.path.c_str());
+    for (const Folder& directory : directories) {
+        rmdir(directory.place.path.c_str());
     }
     rmdir(mirror.c_str());
     for (std::string path = mirror; !above.empty(); above.pop_back()) {
@@ -190,13 +190,13 @@ constexpr Operation OPERATIONS[] = {
 Cost perform(const Operation& operation, bool bare, bool log = false) {
     stub_layered = operation.layered;
     operation.before();
-    const Plan folders = plan(operation.bare == bareDestroy ? mirror : source);
+    const Plan directories = plan(operation.bare == bareDestroy ? mirror : source);
     usleep(50'000);  // the kernel frees what went before in the background
     stub_log_on = log;
     stub_log_lines = 0;
     const Cost cost = measure([&] {
         for (int i = 0; i < operation.times; ++i) {
-            bare ? operation.bare(folders) : operation.engine();
+            bare ? operation.bare(directories) : operation.engine();
         }
     });
     stub_log_on = false;
@@ -217,8 +217,8 @@ int main(int argc, char** argv) {
     // The log library writes to standard error; the report goes to standard output.
     require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null");
     double files = 0;
-    for (const Folder& folder : plan(source)) {
-        files += static_cast<double>(folder.files.size());
+    for (const Folder& directory : plan(source)) {
+        files += static_cast<double>(directory.files.size());
     }
     for (const Operation& operation : OPERATIONS) {
         registerContest(

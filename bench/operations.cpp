@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The emulator against bindfs, operation by operation on one backing folder, each time on files
+// The emulator against bindfs, operation by operation on one backing directory, each time on files
 // that the kernel has not seen through the mount before.
 //
 // usage: bench_operations BACKING_DIR EMULATOR_MOUNT BINDFS_MOUNT FILES ENTRIES
@@ -17,60 +17,60 @@ namespace {
 
 constexpr int BLOCK = 4096;
 
-std::string fileName(const std::string& folder, int number) {
-    return folder + "/IMG_20250101_" + std::to_string(100'000 + number) + ".jpg";
+std::string fileName(const std::string& directory, int number) {
+    return directory + "/IMG_20250101_" + std::to_string(100'000 + number) + ".jpg";
 }
 
-void createFiles(const std::string& folder, int count) {
+void createFiles(const std::string& directory, int count) {
     for (int i = 0; i < count; ++i) {
-        const int fd = open(fileName(folder, i).c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-        require(close(fd) == 0, folder);
+        const int fd = open(fileName(directory, i).c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+        require(close(fd) == 0, directory);
     }
 }
 
-void statFiles(const std::string& folder, int count) {
+void statFiles(const std::string& directory, int count) {
     struct stat file_stat;
     for (int i = 0; i < count; ++i) {
-        require(stat(fileName(folder, i).c_str(), &file_stat) == 0, folder);
+        require(stat(fileName(directory, i).c_str(), &file_stat) == 0, directory);
     }
 }
 
-void readFiles(const std::string& folder, int count) {
+void readFiles(const std::string& directory, int count) {
     char data[BLOCK];
     for (int i = 0; i < count; ++i) {
-        const int fd = open(fileName(folder, i).c_str(), O_RDONLY);
-        require(read(fd, data, sizeof data) == BLOCK && close(fd) == 0, folder);
+        const int fd = open(fileName(directory, i).c_str(), O_RDONLY);
+        require(read(fd, data, sizeof data) == BLOCK && close(fd) == 0, directory);
     }
 }
 
-void writeBlocks(const std::string& folder, int count) {
+void writeBlocks(const std::string& directory, int count) {
     const char data[BLOCK] = {};
-    const int fd = open(fileName(folder, 0).c_str(), O_WRONLY);
+    const int fd = open(fileName(directory, 0).c_str(), O_WRONLY);
     for (int i = 0; i < count; ++i) {
-        require(pwrite(fd, data, sizeof data, i * off_t{BLOCK}) == BLOCK, folder);
+        require(pwrite(fd, data, sizeof data, i * off_t{BLOCK}) == BLOCK, directory);
     }
     close(fd);
 }
 
-void unlinkFiles(const std::string& folder, int count) {
+void unlinkFiles(const std::string& directory, int count) {
     for (int i = 0; i < count; ++i) {
-        require(unlink(fileName(folder, i).c_str()) == 0, folder);
+        require(unlink(fileName(directory, i).c_str()) == 0, directory);
     }
 }
 
-void listFiles(const std::string& folder, int count) {
-    DIR* const stream = opendir(folder.c_str());
+void listFiles(const std::string& directory, int count) {
+    DIR* const stream = opendir(directory.c_str());
     int entries = -2;  // without "." and ".."
     while (readdir(stream) != nullptr) {
         ++entries;
     }
     closedir(stream);
-    require(entries == count, folder);
+    require(entries == count, directory);
 }
 
 struct Operation {
     const char* name;
-    void (*act)(const std::string& folder, int count);
+    void (*act)(const std::string& directory, int count);
     int size;  // of the files that are there before; -1 for none
 };
 
@@ -86,7 +86,7 @@ constexpr Operation OPERATIONS[] = {
 Cost perform(const Operation& operation, const std::string& backing, const std::string& mount,
              int count) {
     static int number = 0;
-    const std::string name = "/folder" + std::to_string(++number);
+    const std::string name = "/directory" + std::to_string(++number);
     std::filesystem::create_directory(backing + name);
     for (int i = 0; operation.size >= 0 && i < count; ++i) {
         std::ofstream(fileName(backing + name, i))

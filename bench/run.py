@@ -51,12 +51,12 @@ def peak_kib(words, preload):
 
 
 def make_tree(top, files, size):
-    """Folders of 100 files, named as a camera names them."""
+    """Directories of 100 files, named as a camera names them."""
     for number in range(files):
-        folder = f"{top}/Camera{number // 100:05}"
+        directory = f"{top}/Camera{number // 100:05}"
         if number % 100 == 0:
-            os.makedirs(folder)
-        with open(f"{folder}/IMG_20250101_{number % 1_000_000:06}.jpg", "wb") as file:
+            os.makedirs(directory)
+        with open(f"{directory}/IMG_20250101_{number % 1_000_000:06}.jpg", "wb") as file:
             file.write(b"x" * size)
 
 
@@ -142,18 +142,18 @@ def scale():
 
 
 def depth():
-    """Folders in each other, a file in each, until the paths in the snapshot get as long as paths
+    """Directories in each other, a file in each, until the paths in the snapshot get as long as paths
     can get. The engine holds a stream open per level."""
     limit = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
     deepest = (4095 - len(f"{work}/backup/snapshot{work}/d0000/f")) // len("/d")
     sources = {}
     for levels in [10] if smoke else [10, 100, 500, 1000, min(deepest, limit - 10)]:
-        top = folder = f"{work}/d{levels:04}"
+        top = directory = f"{work}/d{levels:04}"
         for _ in range(levels + 1):
-            os.mkdir(folder)
-            os.mknod(folder + "/f")
-            folder += "/d"
+            os.mkdir(directory)
+            os.mknod(directory + "/f")
+            directory += "/d"
         sources[f"{levels:,} levels"] = (top, levels + 1)
     return grow(sources)
 
@@ -300,8 +300,8 @@ tool, emulator = build / "f2fs_snapshot", build / "emulator/f2fs_emulator"
 stub_driver, stub_log = build / "bench/libstub_driver.so", build / "bench/libstub_log.so"
 stubs = f"{stub_driver}:{stub_log}"
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="f2fs_snapshot_bench.") as folder:
-    work = pathlib.Path(folder)
+with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="f2fs_snapshot_bench.") as directory:
+    work = pathlib.Path(directory)
     if options.inside:
         run(["mount", "-t", "tmpfs", "-o", "size=90%,nr_inodes=0", "bench", work])
     if options.part in NEED_MOUNTS:

@@ -4,30 +4,37 @@
 set_target_properties(f2fs_snapshot PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
-# Run paths are the same in the build folder and when installed: CMake marks one that it has to
+# Run paths are the same in the build directory and when installed: CMake marks one that it has to
 # rewrite with an empty entry, which has the loader look in the working directory.
 #
-# Debian keeps liblog in a folder of its own, where only a run path finds it.
+# Debian keeps liblog in a directory of its own, where only a run path finds it.
 if(NOT ANDROID)
     set_target_properties(f2fs_snapshot PROPERTIES
         BUILD_WITH_INSTALL_RPATH ON
         INSTALL_RPATH_USE_LINK_PATH ON)
 endif()
-# Users include <f2fs_snapshot/snapshot.h>. Every declaration there can be linked.
-target_include_directories(f2fs_snapshot INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+# Clients include <f2fs_snapshot/snapshot.h>, from an installation and from a build directory. Every
+# declaration in these headers can be linked; tool/main.h is left out, since the tool is how to call it.
+set(public_headers
+    jni/snapshot_jni.h
+    snapshot/export.h
+    snapshot/f2fs_ioctl.h
+    snapshot/path_list.h
+    snapshot/snapshot.h)
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/f2fs_snapshot)
+foreach(header IN LISTS public_headers)
+    get_filename_component(name ${header} NAME)
+    file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${header}
+        ${PROJECT_BINARY_DIR}/include/f2fs_snapshot/${name} SYMBOLIC)
+endforeach()
+target_include_directories(f2fs_snapshot INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_compile_features(f2fs_snapshot INTERFACE cxx_std_17)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/f2fs_snapshot)
-set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/f2fs_snapshot)
 
 install(TARGETS f2fs_snapshot EXPORT f2fs_snapshot)
-# tool/main.h is left out: its two functions are the tool's, and the tool is how to call them.
-install(FILES
-            jni/snapshot_jni.h
-            snapshot/export.h
-            snapshot/f2fs_ioctl.h
-            snapshot/path_list.h
-            snapshot/snapshot.h
-        DESTINATION ${header_dir})
+install(FILES ${public_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/f2fs_snapshot)
 
 # The library needs nothing else of its users, so the exported target is the whole configuration.
 include(CMakePackageConfigHelpers)
@@ -56,9 +63,15 @@ endfunction()
 if(F2FS_SNAPSHOT_TOOL)
     file(RELATIVE_PATH library_from_tool
         ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-    set_target_properties(f2fs_snapshot_tool PROPERTIES
-        BUILD_WITH_INSTALL_RPATH ON
-        INSTALL_RPATH "$ORIGIN;$ORIGIN/${library_from_tool}")
+    if(ANDROID)
+        # CMake ignores INSTALL_RPATH there.
+        target_link_options(f2fs_snapshot_tool PRIVATE
+            "LINKER:-rpath,$ORIGIN:$ORIGIN/${library_from_tool}")
+    else()
+        set_target_properties(f2fs_snapshot_tool PROPERTIES
+            BUILD_WITH_INSTALL_RPATH ON
+            INSTALL_RPATH "$ORIGIN;$ORIGIN/${library_from_tool}")
+    endif()
     install_program(f2fs_snapshot_tool f2fs_snapshot)
 endif()
 if(F2FS_SNAPSHOT_EMULATOR)

@@ -14,7 +14,7 @@ namespace {
 
 constexpr char CLASS_NAME[] = "android/app/backup/ZarixSnapshotProcesser";
 
-// A JDK's jni.h declares name and signature without const, the NDK's with it; neither writes them.
+// A JDK's jni.h declares name and signature without const, the NDK's with it.
 const JNINativeMethod METHODS[] = {
     {const_cast<char*>("native_createdirsnapshot"),
      const_cast<char*>("(Ljava/lang/String;Ljava/lang/String;)I"),
@@ -25,7 +25,7 @@ const JNINativeMethod METHODS[] = {
      reinterpret_cast<void*>(Java_com_storage_f2fs_libsnapshot_native_precreatedirsnapshot)},
 };
 
-// An exception of the VM's stays pending: it becomes the Java error of the failed load.
+// An exception that the VM raised stays pending: it becomes the Java error of the failed load.
 bool registerNativeMethods(JNIEnv* env) {
     jclass processor = env->FindClass(CLASS_NAME);
     if (processor == nullptr) {
@@ -33,7 +33,7 @@ bool registerNativeMethods(JNIEnv* env) {
         return false;
     }
     if (env->RegisterNatives(processor, METHODS, static_cast<jint>(std::size(METHODS))) < 0) {
-        // The class reference is deliberately left: the VM drops it when JNI_OnLoad returns.
+        // The class reference is not deleted: the VM drops it when JNI_OnLoad returns.
         LOG_ERROR("registerNativeMethods: RegisterNatives failed\n");
         return false;
     }

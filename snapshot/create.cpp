@@ -65,7 +65,7 @@ std::vector<file_info> listModifiedFiles(const std::vector<std::string>& dirpath
     for (const std::string& srcdirpath : dirpath) {
         const int32_t ret = checkModifyFiles(srcdirpath, modifyfilelist, snapshotroot);
         if (ret < 0) {
-            // Ends this pass's checks but never the call: the pass goes on with what is listed.
+            // Ends this pass's checks but never the call: the files listed so far are redone.
             LOG_ERROR("fail to checkModifyFiles ret = %d\n", ret);
             break;
         }

@@ -39,7 +39,7 @@ int32_t DestroyDirSnapshotInter(std::string dstpath) {
     if (!opened) {
         return -2;
     }
-    // Tried after a failure too: it then fails on what is left, and so tells the level above.
+    // Tried after a failure too: it then fails on the rest, which reports the failure upwards.
     const int32_t ret = rmdir(dstpath.c_str());
     LOG_INFO("DestroyDirSnapshotInter for dstpath [%s] leave ret = %d\n", dstpath.c_str(), ret);
     return ret;

@@ -8,6 +8,6 @@
 
 // Removes dstpath and everything under it, bottom-up.
 //
-// Returns the result of removing dstpath itself (0, or -1 when something under it is left), or -2
-// when it cannot be opened.
+// Returns the result of removing dstpath itself (0, or -1 if something under it is left), or -2 if
+// it cannot be opened.
 int32_t DestroyDirSnapshotInter(std::string dstpath);

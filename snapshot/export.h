@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the library shows to its users; everything else is built hidden.
+// Marks what the library exports; everything else is built hidden. exports.map lists the names.
 #pragma once
 
 #define F2FS_SNAPSHOT_EXPORT __attribute__((visibility("default")))

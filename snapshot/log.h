@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The system's diagnostics: lines in the Android log under one tag.
+// Diagnostics: lines in the Android log under one tag.
 #pragma once
 
 #include <android/log.h>
 
 #define LOG_TAG "f2fs_snapshot_native"
 
-// Arguments are evaluated before the log is entered, so an errno among them is still the caller's.
+// Arguments are evaluated before the log is called, so errno can be one of them.
 #define LOG_INFO(...) __android_log_print(ANDROID_LOG_INFO, LOG_TAG, __VA_ARGS__)
 #define LOG_ERROR(...) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, __VA_ARGS__)

@@ -12,8 +12,8 @@
 
 namespace {
 
-// Asks the kernel for the file's mark. A file that cannot be asked counts as changed: making its
-// snapshot again either succeeds or fails for a reason of its own.
+// Reads the file's mark. A file whose mark cannot be read counts as changed: making its snapshot
+// again either succeeds or fails for a reason of its own.
 bool isUnchanged(const std::string& sourcefilefullpath) {
     const int path_fd = open(sourcefilefullpath.c_str(), O_RDONLY);
     if (path_fd < 0) {

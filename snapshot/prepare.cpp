@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include "snapshot/f2fs_ioctl.h"
-#include "snapshot/files.h"
 #include "snapshot/log.h"
 #include "snapshot/snapshot.h"
 #include "snapshot/walk.h"
@@ -78,15 +77,12 @@ int32_t openAndPrepare(const std::string& srcdirpath, const std::string& srcfile
 
 }  // namespace
 
-int32_t prepareFile(const std::string& srcdirpath, const std::string& srcfilepath) {
+int32_t PreCreateSingleFileSnapshot(std::string srcdirpath, std::string filename) {
+    const std::string srcfilepath = srcdirpath + "/" + filename;
     LOG_INFO("PreCreateSingleFileSnapshot for file [%s]\n", srcfilepath.c_str());
     const int32_t ret = openAndPrepare(srcdirpath, srcfilepath);
     LOG_INFO("PreCreateSingleFileSnapshot done ret = %d\n", ret);
     return ret;
-}
-
-int32_t PreCreateSingleFileSnapshot(std::string srcdirpath, std::string filename) {
-    return prepareFile(srcdirpath, srcdirpath + "/" + filename);
 }
 
 int32_t PreCreateSingleDirSnapshot(std::string dirpath) {
@@ -95,7 +91,7 @@ int32_t PreCreateSingleDirSnapshot(std::string dirpath) {
         // A file stops the walk on any failure, a subdirectory only on a negative one.
         switch (entry.type) {
             case DT_REG:
-                ret = prepareFile(dirpath, entry.path);
+                ret = PreCreateSingleFileSnapshot(dirpath, entry.name);
                 return ret == 0;
             case DT_DIR:
                 ret = PreCreateSingleDirSnapshot(entry.path);

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <sys/stat.h>
 
-#include "snapshot/files.h"
 #include "snapshot/log.h"
 #include "snapshot/snapshot.h"
 #include "snapshot/walk.h"
@@ -13,7 +12,7 @@ namespace {
 int32_t mirrorSubdirectory(const std::string& subdirpath, const std::string& mirrordirpath,
                            const std::string& rawdstpath) {
     if (subdirpath == rawdstpath) {
-        // The target lies inside the source: the snapshot stays out of itself.
+        // The target lies inside the source: a snapshot must not contain itself.
         LOG_ERROR("subdirpath %s found same with rawdstpath just continue\n", subdirpath.c_str());
         return 0;
     }
@@ -25,10 +24,10 @@ int32_t mirrorSubdirectory(const std::string& subdirpath, const std::string& mir
     return CreateSingleDirSnapshot(subdirpath, mirrordirpath, rawdstpath);
 }
 
-int32_t mirrorFile(const std::string& srcdirpath, const std::string& srcfilepath,
-                   const std::string& dstfilepath) {
-    const int32_t ret = prepareFile(srcdirpath, srcfilepath);
-    return ret != 0 ? ret : snapshotFile(srcfilepath, dstfilepath);
+int32_t mirrorFile(const std::string& srcdirpath, const std::string& filename,
+                   const std::string& dstdirpath) {
+    const int32_t ret = PreCreateSingleFileSnapshot(srcdirpath, filename);
+    return ret != 0 ? ret : CreateSingleFileSnapshot(srcdirpath, filename, dstdirpath);
 }
 
 }  // namespace
@@ -42,7 +41,7 @@ int32_t CreateSingleDirSnapshot(std::string srcdirpath, std::string dstdirpath,
                 ret = mirrorSubdirectory(entry.path, dstdirpath + "/" + entry.name, rawdstpath);
                 break;
             case DT_REG:
-                ret = mirrorFile(srcdirpath, entry.path, dstdirpath + "/" + entry.name);
+                ret = mirrorFile(srcdirpath, entry.name, dstdirpath);
                 break;
             case DT_LNK:
                 ret = CreateSingleFileSoftLink(srcdirpath, entry.name, dstdirpath);
@@ -51,7 +50,7 @@ int32_t CreateSingleDirSnapshot(std::string srcdirpath, std::string dstdirpath,
                 LOG_ERROR("INVALID file_type = %d return EINVAL\n", entry.type);
                 ret = -EINVAL;  // -22
         }
-        return ret == 0;  // a snapshot is whole or it fails: anything nonzero stops every level
+        return ret == 0;  // any nonzero result stops every level
     });
     return opened ? ret : -2;
 }

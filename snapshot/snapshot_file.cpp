@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include "snapshot/f2fs_ioctl.h"
-#include "snapshot/files.h"
 #include "snapshot/log.h"
 #include "snapshot/snapshot.h"
 
@@ -15,8 +14,8 @@ constexpr size_t LINK_TEXT_SIZE = 4096;  // the longest link text, 4095 bytes, a
 
 int32_t requestSnapshot(const std::string& srcfilepath, int source_file_fd,
                         const std::string& dstfilepath, int dst_file_fd) {
-    // The source is marked before its data is taken, so that no later write can go unseen. The
-    // record goes on to the destination just as the kernel left it.
+    // The source is marked before its data is taken: every later write clears the mark. The second
+    // request gets the record as the kernel left it.
     modify_check_info check = {MODIFY_CHECK_FLAG, MODIFY_CHECK_SET};
     int32_t ret = ioctl(source_file_fd, F2FS_IOC_MODIFY_CHECK, &check);
     if (ret != 0) {
@@ -41,8 +40,8 @@ int32_t requestSnapshot(const std::string& srcfilepath, int source_file_fd,
 int32_t fillDestination(const std::string& srcfilepath, int source_file_fd, int64_t source_size,
                         const std::string& dstfilepath, int dst_file_fd) {
     if (source_size != 0) {
-        // The length is a 32-bit file offset on every ABI, as in the 32-bit fallocate: from 2 GiB
-        // on it is negative, zero or too short, and the kernel refuses the first two.
+        // The length is a 32-bit file offset on every ABI. From 2 GiB on it is negative, zero or
+        // too short; the kernel refuses the first two.
         const int32_t ret = fallocate(dst_file_fd, 0, 0, static_cast<int32_t>(source_size));
         if (ret != 0) {
             LOG_ERROR("fallocate failed dstfilepath = %s dst_file_fd = %d\n", dstfilepath.c_str(),
@@ -75,7 +74,10 @@ int32_t snapshotOpenSource(const std::string& srcfilepath, int source_file_fd,
 
 }  // namespace
 
-int32_t snapshotFile(const std::string& srcfilepath, const std::string& dstfilepath) {
+int32_t CreateSingleFileSnapshot(std::string srcdirpath, std::string filename,
+                                 std::string dstdirpath) {
+    const std::string srcfilepath = srcdirpath + "/" + filename;
+    const std::string dstfilepath = dstdirpath + "/" + filename;
     LOG_INFO("CreateSingleFileSnapshot for [%s]\n", srcfilepath.c_str());
     const int source_file_fd = open(srcfilepath.c_str(), O_RDONLY);
     if (source_file_fd < 0) {
@@ -86,11 +88,6 @@ int32_t snapshotFile(const std::string& srcfilepath, const std::string& dstfilep
     const int32_t ret = snapshotOpenSource(srcfilepath, source_file_fd, dstfilepath);
     close(source_file_fd);
     return ret;
-}
-
-int32_t CreateSingleFileSnapshot(std::string srcdirpath, std::string filename,
-                                 std::string dstdirpath) {
-    return snapshotFile(srcdirpath + "/" + filename, dstdirpath + "/" + filename);
 }
 
 int32_t CreateSingleFileSoftLink(std::string srcdirpath, std::string filename,

@@ -10,7 +10,7 @@
 
 #include "snapshot/log.h"
 
-// What a walk is told of an entry, valid until the next one.
+// One directory entry, valid until the next one is read.
 struct dir_entry {
     const std::string& path;  // the directory's path + "/" + name
     const char* name;
@@ -18,9 +18,9 @@ struct dir_entry {
 };
 
 // Calls onEntry(entry) for each entry of dirpath except "." and "..", in the stream's order.
-// onEntry returns whether to go on: every walk states its own stop rule there.
+// onEntry returns whether to go on: every walk has a stop rule of its own.
 //
-// Returns false, with a log line, when dirpath cannot be opened. A read error counts as the end.
+// Returns false, with a log line, if dirpath cannot be opened. A read error counts as the end.
 template <typename OnEntry>
 bool forEachEntry(const std::string& dirpath, OnEntry onEntry) {
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dirpath.c_str()), closedir);

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Compares the functions that the library exports with the list below, whole.
+# Compares the dynamic symbols that the library defines with the list below, whole.
 #
 # usage: exports.sh LIBRARY
 set -euo pipefail
@@ -27,6 +27,6 @@ splitDirsString(std::string const&, char, std::vector<std::string>&)'
 plain='s/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> ?>/std::string/g
 s/std::vector<([^<>,]+), std::allocator<[^<>]+> ?>/std::vector<\1>/g'
 
-exported=$(nm -D --defined-only "$1" | sed -n 's/^[^ ]* T //p' | c++filt | sed -E "$plain" |
+exported=$(nm -D --defined-only "$1" | sed 's/^[^ ]* \(T \)\?//' | c++filt | sed -E "$plain" |
     LC_ALL=C sort)
 diff <(printf '%s\n' "$expected") <(printf '%s\n' "$exported")

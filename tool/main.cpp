@@ -44,11 +44,11 @@ std::vector<std::string> pathList(const char* text) {
 
 struct command {
     const char* word;
-    int argc;  // the program's name and the word included
+    int argc;  // counts the program's name and the word
     int32_t (*run)(char** argv);
 };
 
-// A known word with another argument count is no command.
+// A known word with another argument count is not a command.
 constexpr command COMMANDS[] = {
     {"pre", 3, [](char** argv) { return PreCreateDirSnapshot(pathList(argv[2])); }},
     {"create", 4, [](char** argv) { return CreateDirSnapshot(pathList(argv[2]), argv[3]); }},

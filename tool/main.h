@@ -6,14 +6,14 @@
 
 #include "snapshot/export.h"
 
-// Prepares and snapshots fixed folders of the device, /data/media/0/DCIM and
+// Prepares and snapshots fixed directories of the device, /data/media/0/DCIM and
 // /data/media/0/Documents, with the target /data/media/0/snapshotdir_001, and destroys the
 // snapshot.
 //
 // Returns 0, or the first nonzero result; later steps are skipped then.
 extern "C" F2FS_SNAPSHOT_EXPORT int32_t default_testcase();
 
-// Runs one command; see the help text for the commands.
+// Runs one command of the help text.
 //
 // Returns the engine's result, or -22 for wrong usage. The exit status is its low eight bits.
 F2FS_SNAPSHOT_EXPORT int main(int argc, char** argv);

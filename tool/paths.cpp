@@ -10,7 +10,7 @@
 #include "snapshot/log.h"
 
 #ifdef __ANDROID__
-// The C library's own; its headers declare it only where fortified calls are switched on.
+// bionic's headers declare it only if fortified calls are switched on.
 extern "C" size_t __strlen_chk(const char* text, size_t size);
 #endif
 
@@ -19,7 +19,7 @@ namespace {
 constexpr size_t PATH_BUFFER_SIZE = 255;
 constexpr mode_t DIRECTORY_MODE = 0770;
 
-// The length of the buffer's string; ends the process when the buffer holds no NUL.
+// The length of the buffer's string; aborts if the buffer holds no NUL.
 size_t checkedLength(const char* buffer) {
 #ifdef __ANDROID__
     return __strlen_chk(buffer, PATH_BUFFER_SIZE);
@@ -32,7 +32,7 @@ size_t checkedLength(const char* buffer) {
 #endif
 }
 
-// Anything that stat finds counts as present, a plain file too: the next call below it fails then.
+// Anything that stat finds counts as present. Below a plain file the next mkdir fails.
 int32_t mkdirIfMissing(const char* path) {
     struct stat path_stat = {};
     return stat(path, &path_stat) == 0 ? 0 : mkdir(path, DIRECTORY_MODE);
@@ -41,7 +41,7 @@ int32_t mkdirIfMissing(const char* path) {
 }  // namespace
 
 void splitDirsString(const std::string& text, char delimiter, std::vector<std::string>& pieces) {
-    // A copy, since text may be one of the pieces, which move as they grow.
+    // A copy, since text may be an element of pieces, which move when the vector grows.
     const std::string rest = text;  // NOLINT(performance-unnecessary-copy-initialization)
     for (size_t begin = 0, end = 0; begin < rest.size(); begin = end + 1) {
         end = std::min(rest.find(delimiter, begin), rest.size());

@@ -9,11 +9,11 @@
 #include "snapshot/path_list.h"  // IWYU pragma: export
 
 // Makes the directory path and every missing directory above it, with mode 0770 less the umask.
-// The path is limited to 254 bytes: a longer one aborts the process.
+// A path longer than 254 bytes aborts the process.
 //
-// Returns 0 (also for an empty path, and when the path exists as something else), or the -1 of the
-// mkdir that failed; directories made before it stay.
+// Returns 0 (also for an empty path, and for a path that exists but is not a directory), or -1 if a
+// mkdir failed; directories made before it stay.
 int32_t mkdirsLoop(const char* path);
 
-// Tells whether a path is accepted: any path without a "/../" step is. Logs a rejection.
+// Returns whether a path is accepted: any path without a "/../" step is. Logs a rejection.
 bool checkPathRegulate(const std::string& path);
