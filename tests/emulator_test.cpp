@@ -346,11 +346,11 @@ TEST_F(EmulatorTest, SaysWhatIsWrongInOneLine) {
     }
     const std::string no_tmpfile = strerror(geteuid() == 0 ? EOPNOTSUPP : EACCES);
     const std::pair<const char*, std::string> table[] = {
-        {"none mount", "open the backing folder none: No such file or directory"},
+        {"none mount", "open the backing directory none: No such file or directory"},
         {"/proc mount", "make an unnamed temporary file in /proc: " + no_tmpfile},
         {"other none", "mount on none: No such file or directory"},
         {"other file", "mount on file: Not a directory"},
-        {"other other/inside", "mount on other/inside: it is inside the backing folder"},
+        {"other other/inside", "mount on other/inside: it is inside the backing directory"},
         {"other mount",
          "mount on mount: it is a mount point already, to be freed with fusermount3 -u"},
         {"other other -o no", "mount on other: unknown option(s): `-o no'"},
