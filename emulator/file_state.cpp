@@ -54,6 +54,7 @@ int loadState(Inode& inode, int fd) {
 
 int storeState(Inode& inode, int fd, const FileState& state) {
     const ProcPath path(fd);
+    inode.state.reset();  // unknown after a failure, which may come before or after the change
     const int error = withOwnerAccess(
         path.text, [&] { return setxattr(path.text, STATE_ATTRIBUTE, &state, sizeof(state), 0); });
     if (error == 0) {

@@ -308,31 +308,6 @@ TEST_F(EmulatorTest, RefusalsLeaveTheFileAlone) {
     EXPECT_EQ(tellOf("source"), "source data 130 0 1");
 }
 
-// Without a mount, as an ordinary user.
-using EmulatorRequests = TestTree;
-
-TEST_F(EmulatorRequests, ShortRecordsAreRefusedAndReadOnlyFilesServed) {
-    chmod(root.c_str(), 0777);
-    ASSERT_EQ(seteuid(geteuid() == 0 ? 65534 : geteuid()), 0);
-    const UniqueFd fd = openAt(at("file"), O_CREAT | O_RDWR, 0440);
-    emulator::Volume volume;
-    emulator::Inode inode;
-    inode.type = S_IFREG;
-    const auto serve = [&](unsigned int number, size_t size) {
-        uint32_t record[] = {MODIFY_CHECK_FLAG, MODIFY_CHECK_SET};
-        size_t answered = 0;
-        bool size_changed = false;
-        return emulator::serveRequest(
-            volume, {inode, fd.get(), getpid(), number, record, size, record, size}, answered,
-            size_changed);
-    };
-    EXPECT_EQ(serve(F2FS_IOC_DEDUP_GET_FILE_INFO, 7), EINVAL);  // its answer would be
-    EXPECT_EQ(serve(F2FS_IOC_SNAPSHOT_PREPARE, 3), EINVAL);     // its argument is
-    EXPECT_EQ(serve(F2FS_IOC_MODIFY_CHECK, 8), 0);
-    EXPECT_EQ(modeOf(at("file")), 0440);
-    ASSERT_EQ(seteuid(getuid()), 0);
-}
-
 TEST_F(EmulatorTest, SaysWhatIsWrongInOneLine) {
     fs::current_path(volume.root());
     fs::create_directories("other/inside");
