@@ -3,12 +3,16 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <thread>
+#include <utility>
 
 #include "emulator/requests.h"
 #include "snapshot/f2fs_ioctl.h"
@@ -80,10 +84,6 @@ FileState loadRaw(const char* path) {
     return state;
 }
 
-bool operator==(const FileState& a, const FileState& b) {
-    return memcmp(&a, &b, sizeof a) == 0;
-}
-
 // A directory with two files of mode 0440, both marked and the first one prepared. The process is
 // an ordinary user and its own caller, the directory its own mount.
 class EmulatorRequests : public TestTree {
@@ -103,133 +103,182 @@ class EmulatorRequests : public TestTree {
     void restore() {
         faults = {};
         volume = {};
-        for (const bool is_source : {true, false}) {
-            const char* const name = is_source ? "source" : "file";
-            unlink(name);
-            write(name, is_source ? SOURCE_DATA : FILE_DATA);
-            const FileState state = {1, 0x82, 0, static_cast<uint16_t>(is_source ? 1 : 0)};
-            storeRaw(name, &state, sizeof state);
-            (is_source ? source_fd : fd).reset(open(name, O_RDWR | O_CLOEXEC));
-            ASSERT_EQ(chmod(name, 0440), 0);
-        }
-        struct stat attributes;
         ASSERT_EQ(openVolume(".", volume), 0);
-        ASSERT_EQ(findEntry(volume, *volume.root, "source", source, attributes), 0);
-        ASSERT_EQ(findEntry(volume, *volume.root, "file", file, attributes), 0);
+        makeFile("source", SOURCE_DATA, {1, 0x82, 0, 1}, source, source_fd);
+        makeFile("file", FILE_DATA, {1, 0x82, 0, 0}, file, fd);
+        file->cloned_from = source->number;
+        source->cloned_from = file->number;
+    }
+    void makeFile(const char* name, const char* data, const FileState& state,
+                  emulator::Inode*& inode, UniqueFd& opened) {
+        unlink(name);
+        write(name, data);
+        storeRaw(name, &state, sizeof state);
+        opened.reset(open(name, O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(chmod(name, 0440), 0);
+        struct stat attributes;
+        ASSERT_EQ(findEntry(volume, *volume.root, name, inode, attributes), 0);
         volume.mount_device = attributes.st_dev;
     }
 
-    // Serves a request on "file". Returns what it answers in `words`.
-    int serve(unsigned int number, uint32_t (&words)[2], size_t size = 8) {
+    int serveOn(emulator::Inode& inode, int on, unsigned int number, uint32_t (&words)[2],
+                size_t size = 8) {
         size_t answered = 0;
+        bool size_changed = false;
         return emulator::serveRequest(volume,
-                                      {*file, fd.get(), getpid(), number, words, size, words, size},
+                                      {inode, on, getpid(), number, words, size, words, size},
                                       answered, size_changed);
+    }
+    int serve(unsigned int number, int64_t first, uint32_t second = 0) {
+        uint32_t words[] = {
+            static_cast<uint32_t>(first == SOURCE ? source_fd.get() : static_cast<int>(first)),
+            second};
+        return serveOn(*file, fd.get(), number, words);
     }
     uint32_t flag() {
         uint32_t words[] = {0, MODIFY_CHECK_GET};
-        EXPECT_EQ(serve(F2FS_IOC_MODIFY_CHECK, words), 0);
+        EXPECT_EQ(serveOn(*file, fd.get(), F2FS_IOC_MODIFY_CHECK, words), 0);
         return words[0];
     }
 
+    static constexpr int64_t SOURCE = -9;  // the source's descriptor
     emulator::Volume volume;
     emulator::Inode* source = nullptr;
     emulator::Inode* file = nullptr;
     UniqueFd source_fd;
     UniqueFd fd;
-    bool size_changed = false;
 };
 
-// A request, and the data and state that its success leaves. Number 0 is any other change of data,
-// of which only the part before the change takes place.
-constexpr uint32_t SOURCE = 0xF0F0F0F0;
-const struct {
+// A request on "file", and the data and state that its success leaves. Number 0 stands for any
+// other change, of which only the loss of the mark takes place.
+struct Row {
     unsigned int number;
-    uint32_t words[2];
+    int64_t first;
+    uint32_t second;
     const char* data;
     FileState state;
-} SUCCESSES[] = {
-    {F2FS_IOC_CLONE_FILE, {SOURCE, CLONE_FLAGS}, SOURCE_DATA, {1, 0x80, 1, 0}},
-    {F2FS_IOC_SNAPSHOT_CREATE, {SOURCE, 0}, SOURCE_DATA, {1, 0x80, 1, 0}},
-    {F2FS_IOC_MODIFY_CHECK, {0x182, MODIFY_CHECK_SET}, FILE_DATA, {1, 0x182, 0, 0}},
-    {F2FS_IOC_SNAPSHOT_PREPARE, {SOURCE, 0}, FILE_DATA, {1, 0x82, 0, 1}},
-    {F2FS_IOC_DEDUP_REVOKE, {0, 0}, FILE_DATA, {1, 0x82, 0, 0}},
-    {0, {}, FILE_DATA, {1, 0x80, 0, 0}},
 };
+class EmulatorRequest : public EmulatorRequests, public testing::WithParamInterface<Row> {};
+INSTANTIATE_TEST_SUITE_P(
+    , EmulatorRequest,
+    testing::Values(
+        Row{F2FS_IOC_CLONE_FILE, -9, CLONE_FLAGS, SOURCE_DATA, {1, 0x80, 1, 0}},
+        Row{F2FS_IOC_SNAPSHOT_CREATE, -9, 0, SOURCE_DATA, {1, 0x80, 1, 0}},
+        Row{F2FS_IOC_MODIFY_CHECK, 0x182, MODIFY_CHECK_SET, FILE_DATA, {1, 0x182, 0, 0}},
+        Row{F2FS_IOC_SNAPSHOT_PREPARE, -9, 0, FILE_DATA, {1, 0x82, 0, 1}},
+        Row{F2FS_IOC_DEDUP_REVOKE, 0, 0, FILE_DATA, {1, 0x82, 0, 0}},
+        Row{0, 0, 0, FILE_DATA, {1, 0x80, 0, 0}}));
 
-TEST_F(EmulatorRequests, AFailureAtAnyCallLeavesNoWrongMarkAndNoPartOfTheData) {
-    for (const auto& row : SUCCESSES) {
-        // Sharing or copying; one call fails, or all from then on.
-        for (const int variant : {0, 1, 2, 3}) {
-            bool was_reached = true;
-            for (int call = 1; was_reached; ++call) {
-                SCOPED_TRACE(testing::Message()
-                             << &row - SUCCESSES << " " << variant << " " << call);
-                ASSERT_NO_FATAL_FAILURE(restore());
-                const bool persists = variant / 2 == 1;
-                source->cloned_from = file->number;
-                faults = {0, call, persists ? 1000 : call, variant % 2 == 0 ? 0 : -1};
-                uint32_t words[] = {row.words[0], row.words[1]};
-                if (words[0] == SOURCE) {
-                    words[0] = static_cast<uint32_t>(source_fd.get());
-                }
-                const int error = row.number != 0 ? serve(row.number, words)
-                                                  : emulator::clearMark(*file, fd.get());
-                was_reached = faults.call >= call;
-                faults = {};
-                const FileState state = loadRaw("file");
-                const std::string data = read("file");
-                if (error == 0) {
-                    EXPECT_EQ(data, row.data);
-                    EXPECT_TRUE(state == row.state) << state.flag;
-                } else {
-                    // EACCES: the mode could not be changed for the moment.
-                    EXPECT_TRUE(was_reached && (error == EIO || error == EACCES)) << error;
-                    EXPECT_TRUE(data == FILE_DATA || (state.flag == 0x80 && data.empty()) ||
-                                (state.flag == 0x80 && persists))
-                        << data << " " << state.flag;
-                    EXPECT_TRUE(data == FILE_DATA || persists || state.is_deduped == 0);
-                }
-                EXPECT_EQ(flag(), state.flag);
-                EXPECT_EQ(read("source"), SOURCE_DATA);
-                EXPECT_TRUE(loadRaw("source") == (FileState{1, 0x82, 0, 1}));
-                EXPECT_TRUE(modeOf("file") == 0440 || error == EIO);
+// By sharing or by copying; one call fails, or all from then on.
+TEST_P(EmulatorRequest, FailsAtAnyCallWithoutAWrongMarkOrAPartOfTheData) {
+    const auto& [number, first, second, new_data, new_state] = GetParam();
+    volume.read_only = true;
+    EXPECT_TRUE(number == 0 || serve(number, first, second) == EROFS);
+    EXPECT_EQ(flag(), 0x82U);
+    for (const auto& [shares, persists] : {std::pair(0, 0), {0, 1}, {-1, 0}, {-1, 1}}) {
+        bool was_reached = true;
+        for (int call = 1; was_reached; ++call) {
+            SCOPED_TRACE(testing::Message() << shares << " " << persists << " " << call);
+            ASSERT_NO_FATAL_FAILURE(restore());
+            faults = {0, call, persists != 0 ? 1000 : call, shares};
+            const int error =
+                number != 0 ? serve(number, first, second) : clearMark(*file, fd.get());
+            was_reached = faults.call >= call;
+            faults = {};
+            const FileState state = loadRaw("file");
+            const std::string data = read("file");
+            if (error == 0) {
+                EXPECT_EQ(data, new_data);
+                EXPECT_EQ(memcmp(&state, &new_state, sizeof state), 0) << state.flag;
+            } else {
+                // EACCES: the mode could not be changed for the moment.
+                EXPECT_TRUE(was_reached && (error == EIO || error == EACCES)) << error;
+                EXPECT_TRUE(data == FILE_DATA ||
+                            (state.flag == 0x80 &&
+                             (persists != 0 || (data.empty() && state.is_deduped == 0))))
+                    << data << " " << state.flag;
             }
+            EXPECT_EQ(flag(), state.flag);
+            EXPECT_EQ(read("source"), SOURCE_DATA);
+            EXPECT_TRUE(modeOf("file") == 0440 || error == EIO);
         }
     }
+}
+
+TEST_F(EmulatorRequests, RefusalsChangeNothing) {
+    const UniqueFd writer(open("source", O_WRONLY | O_CLOEXEC));
+    const UniqueFd path(open("source", O_PATH | O_CLOEXEC));
+    const UniqueFd elsewhere(memfd_create("elsewhere", MFD_CLOEXEC));
+    source->state = FileState();
+    file->cloned_from = source->cloned_from = 0;
+    const struct {
+        int error;
+        unsigned int number;
+        int64_t first;
+        uint32_t second;
+    } table[] = {
+        {EBADF, F2FS_IOC_CLONE_FILE, writer.get(), CLONE_FLAGS},
+        {EBADF, F2FS_IOC_CLONE_FILE, path.get(), CLONE_FLAGS},
+        {EBADF, F2FS_IOC_SNAPSHOT_PREPARE, 987654, 0},
+        {EXDEV, F2FS_IOC_CLONE_FILE, elsewhere.get(), CLONE_FLAGS},
+        {EXDEV, F2FS_IOC_SNAPSHOT_PREPARE, elsewhere.get(), 0},
+        {EINVAL, F2FS_IOC_CLONE_FILE, volume.root->fd.get(), CLONE_FLAGS},
+        {EINVAL, F2FS_IOC_CLONE_FILE, fd.get(), CLONE_FLAGS},
+        {EINVAL, F2FS_IOC_CLONE_FILE, SOURCE, 0},
+        {EINVAL, F2FS_IOC_SNAPSHOT_CREATE, SOURCE, 1},
+        {EINVAL, F2FS_IOC_SNAPSHOT_CREATE, SOURCE, 0},
+        {EINVAL, F2FS_IOC_SNAPSHOT_PREPARE, SOURCE, 0},
+        {EINVAL, F2FS_IOC_DEDUP_REVOKE, 1, 0},
+        {EINVAL, F2FS_IOC_MODIFY_CHECK, 0, 12},
+        {ENOTTY, _IO(F2FS_IOC_MAGIC, 0x6A), 0, 0},
+    };
+    for (const auto& [error, number, first, second] : table) {
+        EXPECT_EQ(serve(number, first, second), error) << number << " " << first << " " << second;
+    }
+    uint32_t words[] = {static_cast<uint32_t>(source_fd.get()), CLONE_FLAGS};
+    EXPECT_EQ(serveOn(*file, path.get(), F2FS_IOC_CLONE_FILE, words), EBADF);  // not for writing
+    EXPECT_EQ(serveOn(*file, fd.get(), F2FS_IOC_DEDUP_GET_FILE_INFO, words, 7), EINVAL);
+    EXPECT_EQ(serveOn(*file, fd.get(), F2FS_IOC_SNAPSHOT_PREPARE, words, 3), EINVAL);
+    EXPECT_EQ(serveOn(*volume.root, fd.get(), F2FS_IOC_MODIFY_CHECK, words), ENOTTY);
+    EXPECT_EQ(read("file"), FILE_DATA);
+    EXPECT_EQ(flag(), 0x82U);
 }
 
 TEST_F(EmulatorRequests, ARecordOfAnotherSizeOrVersionCountsAsNone) {
-    const FileState records[] = {{1, 0x82, 1, 1}, {2, 0x82, 1, 1}};
-    for (const size_t size : {0, 11, 12, 13, 24}) {
-        for (const FileState& record : records) {
-            char value[24] = {};
-            memcpy(value, &record, sizeof record);
-            ASSERT_EQ(chmod("file", 0640), 0);
-            storeRaw("file", value, size);
-            file->state.reset();
-            EXPECT_EQ(flag(), size == 12 && record.version == 1 ? 0x82U : 0U) << size;
-        }
+    chmod("file", 0640);
+    for (const auto& [version, size] :
+         {std::pair(1U, 0), {1, 11}, {1, 12}, {1, 13}, {1, 24}, {2, 12}}) {
+        const FileState records[] = {{version, 0x82, 1, 1}, {}};
+        storeRaw("file", records, static_cast<size_t>(size));
+        file->state.reset();
+        EXPECT_EQ(flag(), version == 1 && size == 12 ? 0x82U : 0U) << version << " " << size;
     }
 }
 
-TEST_F(EmulatorRequests, ShortRecordsAreRefusedAndAReadOnlyVolumeKeepsItsState) {
-    uint32_t words[] = {MODIFY_CHECK_FLAG, MODIFY_CHECK_SET};
-    EXPECT_EQ(serve(F2FS_IOC_DEDUP_GET_FILE_INFO, words, 7), EINVAL);  // no room for the answer
-    EXPECT_EQ(serve(F2FS_IOC_SNAPSHOT_PREPARE, words, 3), EINVAL);     // no whole argument
-    EXPECT_EQ(serve(F2FS_IOC_MODIFY_CHECK, words, 8), 0);
-    EXPECT_EQ(modeOf("file"), 0440);
-    volume.read_only = true;
-    for (const auto& row : SUCCESSES) {
-        if (row.number != 0) {
-            source->cloned_from = file->number;
-            uint32_t copy[] = {
-                row.words[0] == SOURCE ? static_cast<uint32_t>(source_fd.get()) : row.words[0],
-                row.words[1]};
-            EXPECT_EQ(serve(row.number, copy), EROFS) << row.number;
+// A thread exchanges a descriptor between a file that may be read and one that may not.
+TEST_F(EmulatorRequests, AnExchangedDescriptorGivesNoAccess) {
+    write("own", "own");
+    const UniqueFd own(open("own", O_RDONLY | O_CLOEXEC));
+    const UniqueFd secret(open("source", O_PATH | O_CLOEXEC));
+    const UniqueFd exchanged(dup(own.get()));
+    emulator::Inode* known = nullptr;
+    struct stat attributes;
+    ASSERT_EQ(findEntry(volume, *volume.root, "own", known, attributes), 0);
+    std::atomic<bool> ends = false;
+    std::thread exchanger([&] {
+        while (!ends) {
+            dup2(secret.get(), exchanged.get());
+            dup2(own.get(), exchanged.get());
         }
+    });
+    bool leaks = false;
+    for (int i = 0; i < 5000 && !leaks; ++i) {
+        leaks = serve(F2FS_IOC_CLONE_FILE, exchanged.get(), CLONE_FLAGS) == 0 &&
+                read("file") == SOURCE_DATA;
     }
-    EXPECT_TRUE(loadRaw("file") == (FileState{1, 0x82, 0, 0}));
+    ends = true;
+    exchanger.join();
+    EXPECT_FALSE(leaks);
 }
 
 }  // namespace
