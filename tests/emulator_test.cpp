@@ -348,6 +348,24 @@ TEST_F(EmulatorTest, LimitsAndMountOptionsAreObeyed) {
     EXPECT_EQ(shell("fusermount3 -u mount"), "");
 }
 
+TEST_F(EmulatorTest, AnOrdinaryUserServesAVolumeOfTheirOwn) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give away /dev/fuse";
+    }
+    ASSERT_EQ(volume.stop(SIGTERM), 0);
+    fs::current_path(volume.root());
+    chmod(".", 0777);
+    setenv("EMULATOR", F2FS_EMULATOR_PATH, 1);
+    setenv("TOOL", F2FS_SNAPSHOT_TOOL_PATH, 1);
+    EXPECT_EQ(shell(R"sh(unshare --mount sh -c '
+        mknod fuse c 10 229; chmod 666 fuse; mount --bind fuse /dev/fuse
+        exec setpriv --reuid=65534 --regid=65533 --clear-groups sh -c "
+            mkdir own at; $EMULATOR own at 2>log; mkdir at/s; echo data >at/s/file
+            $TOOL create $PWD/at/s $PWD/at/t 2>log; echo more >>at/s/file; find at -name file |
+            xargs stat -c %u:%g:%a:%s | sort; fusermount3 -u at"')sh"),
+              "execute sucess\n65534:65533:440:5\n65534:65533:644:10\n");
+}
+
 TEST_F(EmulatorTest, APreparedFileIsSnapshotAndIndependentAfterwards) {
     makeFiles();
     write("target", std::string(10000, 'l'));
