@@ -301,7 +301,9 @@ TEST_F(EmulatorTest, ChangesOfDataClearTheMarkAndNothingElseDoes) {
             if (restarts) {
                 restart();
             }
-            EXPECT_GE(row.second(openAt("file", O_RDWR).get()), 0) << errno;
+            // EOPNOTSUPP: the backing file system has no such change.
+            EXPECT_TRUE(row.second(openAt("file", O_RDWR).get()) >= 0 || errno == EOPNOTSUPP)
+                << errno;
             if (restarts) {
                 restart();
             }
