@@ -25,8 +25,8 @@ static_assert(sizeof(FileState) == 12);
 // Reads the state on first use. fd is any descriptor of the file, O_PATH included.
 int loadState(Inode& inode, int fd);
 
-// Stores the state, first in the backing file, then in the inode. After a failure the next use loads
-// it again.
+// Stores the state, first in the backing file, then in the inode. After a failure the next use
+// loads it again.
 int storeState(Inode& inode, int fd, const FileState& state);
 
 // Clears the modification mark. Every change of data or size calls this first and is refused if

@@ -21,24 +21,59 @@ void fillType(int directory, dirent64& entry) {
     }
 }
 
-}  // namespace
+off_t nextOffset(const Listing& listing) {
+    return listing.first + static_cast<off_t>(listing.ends.size());
+}
 
-int readEntries(int directory, off_t offset, char* entries, size_t room, size_t& length) {
-    // Moved only if necessary: offsets that are counts would go wrong among removals.
-    if (lseek(directory, 0, SEEK_CUR) != offset && lseek(directory, offset, SEEK_SET) < 0) {
-        return errno;
-    }
+// Reads on from the descriptor's position.
+int readNext(int directory, Listing& listing, char* entries, size_t room, size_t& length) {
     const ssize_t got = getdents64(directory, entries, room);
     if (got < 0) {
         return errno;
     }
+    listing.first = nextOffset(listing);
+    listing.ends.clear();
     length = static_cast<size_t>(got);
     for (size_t begin = 0; begin < length;) {
         auto* const entry = reinterpret_cast<dirent64*>(entries + begin);
         fillType(directory, *entry);
+        listing.ends.push_back(entry->d_off);
         begin += entry->d_reclen;
     }
     return 0;
+}
+
+// Counts the entries from the start until those that were read last include `offset`.
+int readUpTo(off_t offset, int directory, Listing& listing, char* entries, size_t room) {
+    listing = {};
+    if (lseek(directory, 0, SEEK_SET) < 0) {
+        return errno;
+    }
+    size_t length = 1;
+    while (length > 0 && nextOffset(listing) < offset) {
+        if (const int error = readNext(directory, listing, entries, room, length)) {
+            return error;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+int readEntries(int directory, Listing& listing, off_t offset, char* entries, size_t room,
+                size_t& length) {
+    if (offset <= listing.first || offset > nextOffset(listing)) {
+        if (const int error = readUpTo(offset, directory, listing, entries, room)) {
+            return error;
+        }
+    }
+    if (offset < nextOffset(listing)) {
+        listing.ends.resize(static_cast<size_t>(offset - listing.first));
+        if (lseek(directory, listing.ends.back(), SEEK_SET) < 0) {
+            return errno;
+        }
+    }
+    return readNext(directory, listing, entries, room, length);
 }
 
 }  // namespace emulator

@@ -342,7 +342,8 @@ int writeFile(fuse_req_t req, fuse_ino_t id, const char* data, size_t size, off_
     return replyWritten(req, pwritev2(fdOf(info), &source, 1, offset, append));
 }
 
-int releaseHandle(fuse_req_t /*req*/, fuse_ino_t /*id*/, fuse_file_info* info) {
+int releaseHandle(fuse_req_t req, fuse_ino_t /*id*/, fuse_file_info* info) {
+    serverOf(req).listings.erase(fdOf(info));
     return errorOf(close(fdOf(info)));
 }
 
@@ -357,8 +358,9 @@ int readDirectory(fuse_req_t req, fuse_ino_t /*id*/, size_t size, off_t offset,
     const size_t room = size / 4 * 3;
     char* const entries = bufferOf(req, room + size);
     char* const reply = entries + room;
+    Listing& listing = serverOf(req).listings[fdOf(info)];
     size_t length = 0;
-    if (const int error = readEntries(fdOf(info), offset, entries, room, length)) {
+    if (const int error = readEntries(fdOf(info), listing, offset, entries, room, length)) {
         return error;
     }
     size_t used = 0;
@@ -367,8 +369,8 @@ int readDirectory(fuse_req_t req, fuse_ino_t /*id*/, size_t size, off_t offset,
         struct stat attributes = {};
         attributes.st_ino = entry.d_ino;
         attributes.st_mode = static_cast<mode_t>(DTTOIF(entry.d_type));
-        const size_t needed = fuse_add_direntry(req, reply + used, size - used, entry.d_name,
-                                                &attributes, entry.d_off);
+        const size_t needed =
+            fuse_add_direntry(req, reply + used, size - used, entry.d_name, &attributes, ++offset);
         if (needed > size - used) {
             break;
         }

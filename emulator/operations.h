@@ -4,9 +4,11 @@
 
 #include <fuse_lowlevel.h>
 
+#include <unordered_map>
 #include <vector>
 
 #include "emulator/inode.h"
+#include "emulator/listing.h"
 
 namespace emulator {
 
@@ -14,7 +16,8 @@ namespace emulator {
 struct Server {
     Volume volume;
     fuse_session* session = nullptr;
-    std::vector<char> buffer;  // for data on the way to the kernel
+    std::unordered_map<int, Listing> listings;  // of open directories, by descriptor
+    std::vector<char> buffer;                   // for data on the way to the kernel
 };
 
 // The operations, for fuse_session_new.
