@@ -36,10 +36,19 @@ int fail(int error, const char* doing, const std::string& object, const std::str
     return error;
 }
 
+// An emulator that was just unmounted may hold its lock for a moment longer.
+int openWhenFree(const char* backing, Volume& volume) {
+    int error = openVolume(backing, volume);
+    for (int waits = 0; error == EWOULDBLOCK && waits < 200; ++waits) {
+        usleep(10000);
+        error = openVolume(backing, volume);
+    }
+    return error;
+}
+
 // Opens the backing directory and tries what the volume needs of it.
 int openBacking(const std::string& backing, Volume& volume, bool& shares_blocks) {
-    int error = openVolume(backing.c_str(), volume);
-    if (error != 0) {
+    if (const int error = openWhenFree(backing.c_str(), volume)) {
         return fail(error, "open the backing directory", backing,
                     error == EWOULDBLOCK ? "another emulator shows it" : "");
     }

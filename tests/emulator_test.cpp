@@ -336,7 +336,7 @@ TEST_F(EmulatorTest, LimitsAndMountOptionsAreObeyed) {
     // A limit of the daemon, which it must survive.
     EXPECT_EQ(shell("(ulimit -f 16; exec " F2FS_EMULATOR_PATH " backing mount 2>/dev/null)"
                     "; head -c 8192 /dev/zero >mount/large; echo x >>mount/large"
-                    "; stat -c %s mount/large; fusermount3 -u mount"),
+                    "; stat -c %s mount/large; fusermount3 -u mount; flock backing true"),
               "sh: 1: echo: echo: I/O error\n8192\n");
     EXPECT_EQ(shell(F2FS_EMULATOR_PATH " backing mount -o ro 2>/dev/null"), "");
     for (const bool is_read_only : {true, false, true}) {
