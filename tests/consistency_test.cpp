@@ -55,13 +55,13 @@ std::string contentOf(size_t version, long money = 0) {
     return text;
 }
 
-class ConsistencyTest : public EmulatedVolume {
+class ConsistencyTest : public VolumeTest {
   protected:
     void TearDown() override {
         for (const pid_t writer : writers) {
             endChild(writer, SIGKILL);
         }
-        EmulatedVolume::TearDown();
+        VolumeTest::TearDown();
     }
 
     void makeFiles() {
@@ -195,7 +195,7 @@ class ConsistencyTest : public EmulatedVolume {
 
     // Learns how many requests and checks a create has, and how long it takes.
     void measureQuietCreate() {
-        kernel.emplace(volume.mount());
+        kernel.emplace(top);
         kernel->has_driver = false;
         kernel->before = [&](const std::string& call) { follow(call); };
         const auto begin = std::chrono::steady_clock::now();

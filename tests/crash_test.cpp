@@ -47,7 +47,7 @@ class CrashTest : public ToolOnVolume {
         return ret;
     }
 
-    FakeKernel kernel{volume.root()};
+    FakeKernel kernel{top};
     Random random;
 };
 
@@ -83,6 +83,9 @@ TEST_F(CrashTest, TheToolIsKilled) {
 }
 
 TEST_F(CrashTest, TheEmulatorIsKilled) {
+    if (!isEmulated()) {
+        GTEST_SKIP() << "kills the emulator, which does not serve this volume";
+    }
     makeSource();
     const std::vector<std::string> before = dump(source);
     fs::create_directory(target);

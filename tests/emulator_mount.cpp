@@ -54,6 +54,9 @@ std::string EmulatorMount::errors() const {
 }
 
 void EmulatedVolume::SetUp() {
+    if (*F2FS_EMULATOR_PATH == '\0') {
+        GTEST_SKIP() << "this build has no emulator, and F2FS_SNAPSHOT_TEST_VOLUME names no volume";
+    }
     // Without the emulator, so that its own failure to mount is a failure of the test.
     static const Outcome trial = runProcess({"sh", "-c", R"(
         [ -w /dev/fuse ] || { ls -l /dev/fuse >&2; exit 1; }
@@ -62,8 +65,34 @@ void EmulatedVolume::SetUp() {
     if (trial.status != 0) {
         GTEST_SKIP() << "volumes cannot be mounted here: " << trial.err;
     }
-    umask(022);  // modes are compared
+    umask(022);
     ASSERT_TRUE(volume.start()) << volume.errors();
+}
+
+fs::path VolumeTest::makeTop() const {
+    const char* given = getenv("F2FS_SNAPSHOT_TEST_VOLUME");
+    if (given == nullptr) {
+        return volume.mount();
+    }
+    std::string name = fs::path(given) / "f2fs_snapshot.XXXXXX";
+    EXPECT_NE(mkdtemp(name.data()), nullptr) << name;
+    return fs::canonical(name);
+}
+
+void VolumeTest::SetUp() {
+    umask(022);  // modes are compared
+    if (isEmulated()) {
+        EmulatedVolume::SetUp();
+    }
+}
+
+void VolumeTest::TearDown() {
+    if (isEmulated()) {
+        EmulatedVolume::TearDown();
+    } else {
+        fs::current_path("/");
+        fs::remove_all(top);
+    }
 }
 
 void EmulatedVolume::TearDown() {

@@ -61,3 +61,24 @@ class EmulatedVolume : public testing::Test {
 
     EmulatorMount volume;
 };
+
+// A test in an empty directory of a volume with snapshot requests. F2FS_SNAPSHOT_TEST_VOLUME=DIR
+// names a directory on the volume of a real driver; without it, a volume of the emulator is
+// mounted.
+class VolumeTest : public EmulatedVolume {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    bool isEmulated() const {
+        return top == volume.mount();
+    }
+    std::string at(const std::string& path) const {
+        return (top / path).string();
+    }
+
+    const std::filesystem::path top = makeTop();
+
+  private:
+    std::filesystem::path makeTop() const;
+};

@@ -104,7 +104,7 @@ TEST_F(EndToEndTest, TheBuiltInTestCase) {
     fs::create_directory(volume.root() / "root");
     const Outcome outcome =
         runProcess({"unshare", "--mount", "sh", "-c", RUN_TEST_CASE, volume.root() / "root",
-                    volume.mount(), F2FS_SNAPSHOT_TOOL_PATH});
+                    top, F2FS_SNAPSHOT_TOOL_PATH});
     EXPECT_EQ(outcome.out, "execute sucess\n") << outcome.err;
     for (const char* line : {"CreateSingleFileSnapshot for [/data/media/0/DCIM/file]\n",
                              "CreateSingleFileSnapshot for [/data/media/0/Documents/file]\n",

@@ -37,7 +37,9 @@ const std::string HERE = "/proc/self/cwd";
 class TestTree : public testing::Test {
   protected:
     void SetUp() override {
-        std::string name = fs::temp_directory_path() / "f2fs_snapshot.XXXXXX";
+        const char* given = getenv("F2FS_SNAPSHOT_TEST_VOLUME");
+        const fs::path parent = given != nullptr ? fs::path(given) : fs::temp_directory_path();
+        std::string name = parent / "f2fs_snapshot.XXXXXX";
         ASSERT_NE(mkdtemp(name.data()), nullptr);
         root = fs::canonical(name);
         fs::current_path(root);
