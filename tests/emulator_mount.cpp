@@ -5,13 +5,11 @@
 
 #include <utility>
 
-#include "tests/process.h"
-#include "tests/test_tree.h"
+#ifndef F2FS_EMULATOR_PATH
+#define F2FS_EMULATOR_PATH ""
+#endif
 
-EmulatorMount::EmulatorMount() {
-    std::string name = fs::temp_directory_path() / "f2fs_emulator.XXXXXX";
-    EXPECT_NE(mkdtemp(name.data()), nullptr);
-    root_ = fs::canonical(name);
+EmulatorMount::EmulatorMount() : root_(makeDirectory(fs::temp_directory_path())) {
     fs::create_directory(backing());
     fs::create_directory(mount());
 }
@@ -29,7 +27,12 @@ bool EmulatorMount::start() {
                        open("errors", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     };
     pid_ = startChild(daemon, SIGTERM);  // a test that crashes leaves no mount behind either
-    while (runProcess({"mountpoint", "-q", mount()}).status != 0) {
+    const auto device_of = [](const fs::path& path) {
+        struct stat path_stat = {};
+        return stat(path.c_str(), &path_stat) == 0 ? path_stat.st_dev : 0;
+    };
+    while (device_of(mount()) == device_of(root_)) {
+        usleep(1000);
         if (waitpid(pid_, nullptr, WNOHANG) != 0) {
             pid_ = -1;
             return false;
@@ -47,7 +50,7 @@ int EmulatorMount::stop(int signal) {
 }
 
 std::string EmulatorMount::errors() const {
-    // That line comes at each start where the temporary folder's file system cannot do better.
+    // That line comes at each start where the temporary directory's file system cannot do better.
     return runProcess({"grep", "-v", "cannot share blocks, so snapshots are plain copies$",
                        root_ / "errors"})
         .out;
@@ -69,20 +72,18 @@ void EmulatedVolume::SetUp() {
     ASSERT_TRUE(volume.start()) << volume.errors();
 }
 
-fs::path VolumeTest::makeTop() const {
-    const char* given = getenv("F2FS_SNAPSHOT_TEST_VOLUME");
-    if (given == nullptr) {
-        return volume.mount();
-    }
-    std::string name = fs::path(given) / "f2fs_snapshot.XXXXXX";
-    EXPECT_NE(mkdtemp(name.data()), nullptr) << name;
-    return fs::canonical(name);
+void EmulatedVolume::TearDown() {
+    EXPECT_EQ(volume.stop(SIGTERM), 0);
+    EXPECT_EQ(volume.errors(), "");
 }
 
 void VolumeTest::SetUp() {
     umask(022);  // modes are compared
     if (isEmulated()) {
         EmulatedVolume::SetUp();
+    }
+    if (!IsSkipped()) {
+        fs::create_directory(source);
     }
 }
 
@@ -95,7 +96,21 @@ void VolumeTest::TearDown() {
     }
 }
 
-void EmulatedVolume::TearDown() {
-    EXPECT_EQ(volume.stop(SIGTERM), 0);
-    EXPECT_EQ(volume.errors(), "");
+int VolumeTest::run(const std::string& command) {
+    std::vector<std::string> words = {F2FS_SNAPSHOT_TOOL_PATH, command};
+    if (command != "destroy") {
+        words.push_back(source);
+    }
+    if (command != "pre") {
+        words.push_back(target);
+    }
+    const Outcome outcome = runProcess(words);
+    log = outcome.err;
+    EXPECT_EQ(outcome.out == "execute sucess\n", outcome.status == 0) << outcome.out << log;
+    return outcome.status;
+}
+
+void VolumeTest::expectDestroy() {
+    EXPECT_EQ(run("destroy"), 0) << log;
+    EXPECT_TRUE(fs::is_empty(target));
 }
