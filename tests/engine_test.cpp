@@ -158,21 +158,21 @@ const std::string OLD =
 
 // clang-format off
 const Case CASES[] = {
-    // A file's states are logged as signed; a file that is only deduplicated is prepared.
+    // A file that is only deduplicated is prepared. States are logged as signed numbers.
     {prepareFile, "s/a=data", "DEDUP", 0, {0}, 0, nullptr,
      "I PreCreateSingleFileSnapshot for file [$/s/a]|; "
      "open $/s/a O_RDWR; DEDUP_GET_FILE_INFO $/s/a {0, 0}; "
-     "I [$/s/a] is_deduped = -1 is_layered = 0|; "
+     "I [$/s/a] is_deduped = 1 is_layered = 0|; "
      "I srcdirpath = $/s deduped but not layered, error condition still to prepare|; "
      "I ready to open srcdirpath = $/s|; open $/s O_RDWR|O_TMPFILE 0770; "
      "MODIFY_CHECK $/s/a {0x82, 0x4}; CLONE_FILE $/s(unnamed) {$/s/a, 0x160}; "
      "SNAPSHOT_PREPARE $/s/a {$/s(unnamed)}; close $/s(unnamed); close $/s/a; "
-     "I PreCreateSingleFileSnapshot done ret = 0|; ", 0, {}, 0x0000FFFF},
+     "I PreCreateSingleFileSnapshot done ret = 0|; ", 0, {}, 0x00000001},
     {prepareFile, "s/a=data", "DEDUP", 0, {0}, 0, nullptr,
      "I PreCreateSingleFileSnapshot for file [$/s/a]|; "
      "open $/s/a O_RDWR; DEDUP_GET_FILE_INFO $/s/a {0, 0}; "
-     "I [$/s/a] is_deduped = 1 is_layered = -2|; close $/s/a; "
-     "I PreCreateSingleFileSnapshot done ret = 0|; ", 0, {}, 0xFFFE0001},
+     "I [$/s/a] is_deduped = -1 is_layered = -2|; close $/s/a; "
+     "I PreCreateSingleFileSnapshot done ret = 0|; ", 0, {}, 0xFFFEFFFF},
     // The record of the second set is the one that the first has left.
     {snapshotFile, "s/a=data", "MODIFY", 0, {0}, 0, nullptr,
      "I CreateSingleFileSnapshot for [$/s/a]|; open $/s/a O_RDONLY; stat $/s/a; "
@@ -284,6 +284,8 @@ const Case CASES[] = {
     {create, "", "mkdir $/d/snapshot ", 0, ANY, GIVEN, "*snapshot ",
      "E final Failed to mkdir $/d/snapshot ret = @|; "
      "E dstpath [$/d/snapshot] not exist and mkdirsLoop fail ret = @ and return|; "},
+    {create, "d/snapshot/old=", "stat $/d/snapshot", 0, {-1, 5}, 0,
+     "*proc *self *snapshot$ *s /s /s ", NOT_MODIFIED},
     {create, "d/snapshot/", "rmdir $/d/snapshot", 0, ANY, GIVEN, "/snapshot ~snapshot ",
      "E dstpath [$/d/snapshot] destroy fail and return|; "},
     {create, "d/snapshot/", "opendir $/d/snapshot", 0, ONE, -2, "/snapshot ",
@@ -440,9 +442,9 @@ TEST_F(EngineTest, PathsAreTakenAsTheyAre) {
     EXPECT_EQ(read("d/snapshots/d/snapshot/old"), "");
     fs::create_directory("d/snapshot");
     EXPECT_EQ(run(create), 0);
-    EXPECT_EQ(lines({"I dstpath", "I [", "I prepare"})
+    EXPECT_EQ(lines({"I dstpath", "I Destroy"})
                   .find("I dstpath [$/d/snapshot] already exist need destroy first|\n"
-                        "I prepare dstpath [$/d/snapshot$/s] dir first|\n"),
+                        "I DestroyDirSnapshotInter for dstpath [$/d/snapshot] enter|\n"),
               0U);
     outdate(1);
     kernel->answer("unlink $/d/snapshot/$/s/a", {-1, ENOENT, {}});

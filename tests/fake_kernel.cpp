@@ -4,6 +4,7 @@
 #include <android/log.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/ioctl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>

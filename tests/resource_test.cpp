@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Operations without enough descriptors, disk space or permissions.
+// Operations without enough descriptors or permissions.
 #include <grp.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include "snapshot/snapshot.h"
@@ -108,67 +106,6 @@ TEST_F(ResourceTest, PermissionsOfAnOrdinaryUser) {
         ASSERT_EQ(chmod(row.path.c_str(), 0755), 0);
         EXPECT_EQ(dump(source), before);
         EXPECT_EQ(fs::exists(target + "/snapshot"), row.has_snapshot);
-        expectNextRound();
-    }
-}
-
-// The backing directory is a small file system of memory, mounted where nobody else sees it.
-class SmallDisk : public ResourceTest {
-  protected:
-    void SetUp() override {
-        if (!isEmulated()) {
-            GTEST_SKIP() << "fills the file system below the emulator";
-        }
-        const std::string script = "mount --make-rprivate / && mount -t tmpfs none " +
-                                   disk.string() + " && setfattr -n user.probe " + disk.string();
-        if (unshare(CLONE_NEWNS) != 0 || runProcess({"sh", "-c", script}).status != 0) {
-            GTEST_SKIP() << "takes root, and a tmpfs that keeps user attributes";
-        }
-        ResourceTest::SetUp();
-    }
-    void TearDown() override {
-        ResourceTest::TearDown();
-        umount2(disk.c_str(), MNT_DETACH);
-    }
-    bool resize(const std::string& limit, int count) const {
-        return mount("", disk.c_str(), "", MS_REMOUNT, (limit + std::to_string(count)).c_str()) ==
-               0;
-    }
-
-    const fs::path disk = volume.backing();
-};
-
-TEST_F(SmallDisk, IsFullAtEveryStep) {
-    makeSource(2);
-    write(source + "/large", std::string(10000, 'x'));
-    fs::create_symlink(std::string(3000, 'x'), source + "/link");
-    const Dump before = dump(source);
-    for (const char* limit : {"nr_blocks=", "nr_inodes="}) {
-        int points = 0;
-        int32_t ret = -1;
-        for (int count = 1; ret != 0; ++count) {
-            ASSERT_LT(count, 200);
-            if (!resize(limit, count)) {  // less than is in use
-                continue;
-            }
-            ret = create();
-            points += ret != 0 ? 1 : 0;
-            EXPECT_TRUE(ret == 0 || ret == -1 || ret == -2) << ret;
-            // A root is left only where the mirror of the source itself could not be made.
-            EXPECT_EQ(fs::exists(mirror()), ret == 0) << count;
-            EXPECT_EQ(dump(source), before);
-            EXPECT_TRUE(ret == 0 || destroy() == 0 || fs::is_empty(target)) << count;
-        }
-        std::cout << "full at " << points << " points by " << limit << std::endl;
-        EXPECT_GT(points, 5);
-        EXPECT_EQ(dump(mirror()), before);
-        const std::string inside = "cd " + disk.string() + " || exit; ";
-        const std::string filled =
-            shell(inside + "cat /dev/zero >filler; for i in $(seq 99); do touch filler$i; done");
-        EXPECT_NE(filled.find("No space left"), std::string::npos) << filled;
-        EXPECT_EQ(destroy(), 0) << "on a disk without any room";
-        shell(inside + "rm filler*");
-        ASSERT_TRUE(resize(limit, 4000));
         expectNextRound();
     }
 }

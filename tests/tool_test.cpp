@@ -10,6 +10,8 @@
 namespace {
 
 using ToolTest = TestTree;
+using TestCaseTest = TestTree;
+using PathsTest = TestTree;
 using Words = std::vector<std::string>;
 
 constexpr char HELP[] = R"(Help:
@@ -75,7 +77,7 @@ TEST_F(ToolTest, EndsWithAVerdictAndItsStatus) {
 }
 
 // The library's main, in this process, on a fake kernel.
-TEST_F(ToolTest, TheBuiltInTestCaseEndsWithItsFirstFailure) {
+TEST_F(TestCaseTest, EndsWithItsFirstFailure) {
     // The library's comes next after this program's own.
     const auto tool_main = reinterpret_cast<int (*)(int, char**)>(dlsym(RTLD_NEXT, "main"));
     ASSERT_NE(tool_main, nullptr) << dlerror();
@@ -126,7 +128,7 @@ TEST_F(ToolTest, TheBuiltInTestCaseEndsWithItsFirstFailure) {
     }
 }
 
-TEST(PathsTest, SplittingDropsEmptyPiecesAndKeepsEverythingElse) {
+TEST_F(PathsTest, SplittingDropsEmptyPiecesAndKeepsEverythingElse) {
     Words pieces = {"kept"};
     splitDirsString(";/a;/a;; b\n;/c:d", ';', pieces);
     splitDirsString("", ';', pieces);
@@ -137,7 +139,7 @@ TEST(PathsTest, SplittingDropsEmptyPiecesAndKeepsEverythingElse) {
     EXPECT_EQ(list, (Words{"/a;/b;/c", "/a", "/b", "/c"}));
 }
 
-TEST_F(ToolTest, PathsWithAStepUpInsideAreRejected) {
+TEST_F(PathsTest, PathsWithAStepUpInsideAreRejected) {
     FakeKernel kernel(root);
     for (const char* path : {"", "../a", "/data/x/..", "/..", "/data/..x/y", "/data/x../y"}) {
         EXPECT_TRUE(kernel.run([&] { return checkPathRegulate(path); })) << path;
@@ -148,7 +150,7 @@ TEST_F(ToolTest, PathsWithAStepUpInsideAreRejected) {
     }
 }
 
-TEST_F(ToolTest, MissingDirectoriesAreMadeUpToTheFirstFailure) {
+TEST_F(PathsTest, MissingDirectoriesAreMadeUpToTheFirstFailure) {
     FakeKernel kernel(root);
     const struct {
         const char* path;
