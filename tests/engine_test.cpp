@@ -213,6 +213,20 @@ const Case CASES[] = {
      "/snapshot ~snapshot " ROOT_MADE "/s +a *b /b *none /none +x +y +c >l +n "
      "*m /m +z /s ?a /b /none ?x ?y ?c ?n /m ?z -a +a -n +n -z +z "
      "/s ?a /b /none ?x ?y ?c ?n /m ?z ", NOT_MODIFIED, 6},
+    {create, "d/snapshot/", "", 0, {0}, 0, nullptr,
+     CREATE_ENTRY "[$/d] entry------|; stat $/d/snapshot; "
+     "I dstpath [$/d/snapshot] already exist need destroy first|; "
+     "I DestroyDirSnapshotInter for dstpath [$/d/snapshot] enter|; opendir $/d/snapshot; "
+     "closedir $/d/snapshot; rmdir $/d/snapshot; "
+     "I DestroyDirSnapshotInter for dstpath [$/d/snapshot] leave ret = 0|; "
+     "stat /proc; stat /proc/self; stat $; stat $/d; stat $/d/snapshot = -1; "
+     "mkdir $/d/snapshot 0770; I prepare dstpath [$/d/snapshot$/s] dir first|; "
+     "stat /proc; stat /proc/self; stat $; stat $/d; stat $/d/snapshot; "
+     "stat $/d/snapshot/proc = -1; mkdir $/d/snapshot/proc 0770; "
+     "stat $/d/snapshot/proc/self = -1; mkdir $/d/snapshot/proc/self 0770; "
+     "stat $/d/snapshot$ = -1; mkdir $/d/snapshot$ 0770; stat $/d/snapshot$/s = -1; "
+     "mkdir $/d/snapshot$/s 0770; opendir $/s; closedir $/s; opendir $/s; closedir $/s; "
+     NOT_MODIFIED},
     {destroy, "d/snapshot/m/none/ d/snapshot/l>..", "", 0, {0}, 0, nullptr,
      "I ------DestroyDirSnapshot for dstpath [$/d] entry------|; "
      "I DestroyDirSnapshotInter for dstpath [$/d/snapshot] enter|; "
@@ -440,12 +454,6 @@ TEST_F(EngineTest, PathsAreTakenAsTheyAre) {
     EXPECT_EQ(run([] { return CreateDirSnapshot({"s"}, "d/"); }), 0);
     EXPECT_EQ(lines({"I prepare"}), "I prepare dstpath [d//snapshots] dir first|\n");
     EXPECT_EQ(read("d/snapshots/d/snapshot/old"), "");
-    fs::create_directory("d/snapshot");
-    EXPECT_EQ(run(create), 0);
-    EXPECT_EQ(lines({"I dstpath", "I Destroy"})
-                  .find("I dstpath [$/d/snapshot] already exist need destroy first|\n"
-                        "I DestroyDirSnapshotInter for dstpath [$/d/snapshot] enter|\n"),
-              0U);
     outdate(1);
     kernel->answer("unlink $/d/snapshot/$/s/a", {-1, ENOENT, {}});
     EXPECT_EQ(run(create), 0);
