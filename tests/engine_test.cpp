@@ -26,10 +26,18 @@ const Operation mirror = [] { return CreateSingleDirSnapshot(S, M, ""); };
 const Operation create = [] { return CreateDirSnapshot({S}, D); };
 const Operation createTwo = [] { return CreateDirSnapshot({S, M}, D); };
 const Operation destroy = [] { return DestroyDirSnapshot(D); };
-const Operation check = [] {
-    std::vector<file_info> list;
-    return checkModifyFiles(S, list, M);
-};
+// Writes the list, which holds an entry already, into the trace.
+int32_t checkInto(const std::string& source, const std::string& snapshot) {
+    std::vector<file_info> list = {{"kept", "entry"}};
+    const int32_t ret = checkModifyFiles(source, list, snapshot);
+    std::string text = "listed";
+    for (const file_info& file : list) {
+        text += " " + file.srcdirpath + " " + file.filename;
+    }
+    FakeKernel::active->trace.push_back(FakeKernel::active->shown(text));
+    return ret;
+}
+const Operation check = [] { return checkInto(S, M); };
 
 // Makes files "path=content", directories "path/", links "path>text" and pipes "path|".
 void make(const std::string& tree) {
@@ -90,7 +98,8 @@ class EngineTest : public TestTree {
         for (const std::string& line : kernel->trace) {
             for (const auto& [begin, mark] : marks) {
                 if (line.rfind(begin, 0) == 0) {
-                    const std::string path = line.substr(0, line.find_first_of(" ]", begin.size()));
+                    const std::string rest = line.substr(begin.size());
+                    const std::string path = rest.substr(0, rest.find_first_of(" ]"));
                     text += mark + path.substr(path.rfind('/') + 1) + " ";
                 }
             }
@@ -108,19 +117,10 @@ class EngineTest : public TestTree {
             }
         };
     }
-    // The files that a check adds to a list that holds an entry already.
-    std::string checked(const std::string& source, const std::string& snapshot) {
-        std::vector<file_info> list = {{"kept", "entry"}};
-        EXPECT_EQ(run([&] { return checkModifyFiles(source, list, snapshot); }), 0);
-        std::string text;
-        for (const file_info& file : list) {
-            text += file.srcdirpath + " " + file.filename + ", ";
-        }
-        return kernel->shown(text);
-    }
-
     std::optional<FakeKernel> kernel;
 };
+
+constexpr char UNCHECKED[] = "any";
 
 // One operation on a tree. Where a call is named, it fails with each of the answers after `skip`
 // others like it: GIVEN is that answer as the result, "@" the same in the lines.
@@ -145,11 +145,13 @@ struct Case {
 const std::string TREE = "s/a=data s/b/x=data s/b/y=data s/c=data s/l>a ";
 const std::string OLD =
     "d/snapshot/a= d/snapshot/b/x= d/snapshot/b/y= d/snapshot/c= d/snapshot/l>a";
+const std::string CHECKED = "s/a= m/proc/self/cwd/s/a=";
 #define ROOT_MADE "*snapshot *proc *self *snapshot$ *s "
 #define ROOT_OPENED "/snapshot /proc /self /snapshot$ /s "
 #define ROOT_REMOVED "~s ~snapshot$ ~self ~proc ~snapshot "
 #define GET_FAILED "E F2FS_IOC_DEDUP_GET_FILE_INFO src failed|; "
 #define PREPARE_FAILED "E fail to PreCreateSingleDirSnapshot ret = -1|; "
+#define LEFT_OUT "E subdirpath $/s/d/snapshot found same with rawdstpath just continue|; "
 #define CREATE_ENTRY "I ------CreateDirSnapshot for dstpath "
 #define CLIMBS "E checkPathRegulate path $/s/../d failed|; "
 #define CREATE_FAILED "E F2FS_IOC_SNAPSHOT_CREATE ioctl create fail ret = @|; "
@@ -171,8 +173,8 @@ const Case CASES[] = {
     {prepareFile, "s/a=data", "DEDUP", 0, {0}, 0, nullptr,
      "I PreCreateSingleFileSnapshot for file [$/s/a]|; "
      "open $/s/a O_RDWR; DEDUP_GET_FILE_INFO $/s/a {0, 0}; "
-     "I [$/s/a] is_deduped = -1 is_layered = -2|; close $/s/a; "
-     "I PreCreateSingleFileSnapshot done ret = 0|; ", 0, {}, 0xFFFEFFFF},
+     "I [$/s/a] is_deduped = -1 is_layered = 2|; close $/s/a; "
+     "I PreCreateSingleFileSnapshot done ret = 0|; ", 0, {}, 0x0002FFFF},
     // The record of the second set is the one that the first has left.
     {snapshotFile, "s/a=data", "MODIFY", 0, {0}, 0, nullptr,
      "I CreateSingleFileSnapshot for [$/s/a]|; open $/s/a O_RDONLY; stat $/s/a; "
@@ -278,13 +280,15 @@ const Case CASES[] = {
     {mirror, TREE, "SNAPSHOT_CREATE", 1, ANY, GIVEN, "/s +a *b /b +x ", CREATE_FAILED},
     {mirror, TREE, "DEDUP", 1, ANY, GIVEN, "/s +a *b /b +x ", GET_FAILED},
     {mirror, TREE + "s/z=", "symlink", 0, ANY, GIVEN, "/s +a *b /b +x +y +c >l ", ""},
-    {mirror, TREE, "mkdir $/m/b", 0, ANY, GIVEN, "/s +a *b ", "E Failed to mkdir $/m/b|; "},
+    {mirror, TREE, "mkdir $/m/b 0770", 0, ANY, GIVEN, "/s +a *b ", "E Failed to mkdir $/m/b|; "},
     {mirror, TREE, "opendir $/s/b", 0, ONE, -2, "/s +a *b /b ", "E Failed to open dir $/s/b|; "},
     {mirror, TREE, "", 0, {0}, -22, "/s +a ", "E INVALID file_type = 1 return EINVAL|; ", 0,
      {{"b", DT_FIFO}}},
     {mirror, TREE, "", 0, {0}, -22, "/s +a ", "E INVALID file_type = 0 return EINVAL|; ", 0,
      {{"b", DT_UNKNOWN}}},
-    {check, TREE, "opendir $/s/b", 0, ONE, -2, "/s ?a /b ", "E Failed to open dir $/s/b|; "},
+    {check, TREE, "opendir $/s/b", 0, ONE, -2, "/s ?a /b ",
+     "I dstsnapshotfile already not exist, add to modifyfilelist|; E Failed to open dir $/s/b|; "
+     "listed kept entry $/s a; "},
     {destroy, OLD, "unlink $/d/snapshot/b/x", 0, ANY, -1, "/snapshot -a /b -x ~b ~snapshot ",
      "E unlink [$/d/snapshot/b/x] fail ret = @|; "},
     {destroy, OLD, "opendir $/d/snapshot/b", 0, ONE, -1, "/snapshot -a /b ~snapshot ",
@@ -293,6 +297,32 @@ const Case CASES[] = {
      ""},
     {destroy, OLD, "", 0, {0}, -1, "/snapshot -a /b -y ~b ~snapshot ",
      "E INVALID file_type = 1 found and continue|; ", 0, {{"x", DT_FIFO}}},
+
+    // A check lists the files without a snapshot, without a mark, and those that it cannot ask.
+    {check, CHECKED, "MODIFY_CHECK", 0, {0}, 0, nullptr,
+     "opendir $/s; I ready to check modify flag for sourcefilefullpath = $/s/a "
+     "dstsnapshotfilepath = $/m$/s/a|; open $/s/a O_RDONLY; MODIFY_CHECK $/s/a {0, 0x8}; "
+     "close $/s/a; stat $/m$/s/a; closedir $/s; listed kept entry; ", 0, {}, 0x2},
+    {check, CHECKED, "MODIFY_CHECK", 0, {0}, 0, "/s ?a ", "listed kept entry $/s a; ", 0, {},
+     0xFFFFFFFD},
+    {check, CHECKED, "MODIFY_CHECK", 0, ANY, 0, "/s ?a ",
+     "E F2FS_IOC_MODIFY_CHECK:get $/s/a failed|; listed kept entry $/s a; ", 0, {}, 0x2},
+    {check, CHECKED, "open $/s/a", 0, ONE, 0, "/s ?a ",
+     "E path_fd [$/s/a] open failed errno = 13|; listed kept entry $/s a; "},
+    {check, "s/a=", "MODIFY_CHECK", 0, {0}, 0, "/s ?a ",
+     "I dstsnapshotfile already not exist, add to modifyfilelist|; listed kept entry $/s a; ", 0,
+     {}, 0x2},
+    // A snapshot leaves itself out of its source. Paths are compared byte by byte.
+    {[] { return checkInto(S, S + "/d/snapshot"); }, "s/a= s/d/snapshot/old=", "", 0, {0}, 0,
+     "/s ?a /d ", "I dstsnapshotfile already not exist, add to modifyfilelist|; " LEFT_OUT
+     "listed kept entry $/s a; "},
+    {[] { return checkInto(S + "/", S + "/d/snapshot"); }, "s/d/snapshot/old=", "", 0, {0}, 0,
+     "/ /d /snapshot ?old ", "I dstsnapshotfile already not exist, add to modifyfilelist|; "
+     "listed kept entry $/s//d/snapshot old; "},
+    {[] { return CreateSingleDirSnapshot(S, M, S + "/d/snapshot"); }, "s/a= s/d/snapshot/old=",
+     "", 0, {0}, 0, "/s +a *d /d ", LEFT_OUT},
+    {[] { return CreateDirSnapshot({"s"}, "d/"); }, "s/a=", "", 0, {0}, 0,
+     "*snapshot *snapshots /s +a /s ?a ", NOT_MODIFIED},
 
     // A create that fails removes the root, but for a mirror directory that it cannot make.
     {create, "", "mkdir $/d/snapshot ", 0, ANY, GIVEN, "*snapshot ",
@@ -320,6 +350,11 @@ const Case CASES[] = {
     {createTwo, "s/a=1 m/z=2", "opendir $/m", 1, ONE, 0,
      ROOT_MADE "/s +a *m /m +z /s ?a /m -a +a /s ?a /m ?z -z +z /s ?a /m ?z ",
      "E Failed to open dir $/m|; E fail to checkModifyFiles ret = -2|; " NOT_MODIFIED, 2},
+    {create, "s/a=1", "", 0, {0}, 0, UNCHECKED, NOT_MODIFIED, 10},
+    {create, "s/a=1", "", 0, {0}, -11, UNCHECKED, "E reach MAX_LOOP_COUNT=10 and exit|; "
+     "E [$/d/snapshot] snapshot create fail ret = -11 destroy ret1 = 0|; ", 11},
+    {create, "s/a=1", "unlink $/d/snapshot/$/s/a", 0, {-1}, -1, UNCHECKED,
+     "I [$/d/snapshot/$/s/a] unlink ret = -1 errno = 13 and ready to recreate snapshot|; " CLEANED, 1},
     {create, "s/a=1", "unlink $/d/snapshot/$/s/a", 0, ANY, GIVEN,
      ROOT_MADE "/s +a /s ?a -a " ROOT_OPENED "-a " ROOT_REMOVED, CLEANED, 1},
     {create, "s/a=1", "DEDUP", 1, ANY, GIVEN,
@@ -344,23 +379,14 @@ TEST_F(EngineTest, Cases) {
             close(fd);
             const std::string expected = replaced(row.lines, "@", std::to_string(given));
             const bool is_whole = row.steps == nullptr;
-            EXPECT_EQ(is_whole ? lines() : lines({"E ", "I ALL"}),
+            EXPECT_EQ(is_whole ? lines()
+                               : lines({"E ", "I ALL", "I dsts",
+                                        "I [$/d/snapshot/$/s/a] unlink ret = -1", "listed"}),
                       replaced(replaced(expected, "#", std::to_string(fd + 1)), "; ", "\n"));
-            EXPECT_EQ(is_whole ? "" : steps(), is_whole ? "" : row.steps);
+            if (!is_whole && row.steps != UNCHECKED) {
+                EXPECT_EQ(steps(), row.steps);
+            }
         }
-    }
-}
-
-TEST_F(EngineTest, ElevenPassesAreMade) {
-    for (const int writes : {10, 11}) {
-        restart("s/a=0");
-        outdate(writes);
-        EXPECT_EQ(run(create), writes == 10 ? 0 : -11);
-        EXPECT_EQ(lines({"E ", "I ALL"}),
-                  writes == 10
-                      ? "I ALL file not modified, success return|\n"
-                      : "E reach MAX_LOOP_COUNT=10 and exit|\n"
-                        "E [$/d/snapshot] snapshot create fail ret = -11 destroy ret1 = 0|\n");
     }
 }
 
@@ -412,54 +438,6 @@ TEST_F(EngineTest, DescriptorZeroIsADescriptor) {
         dup2(saved, 0);
     }
     close(saved);
-}
-
-TEST_F(EngineTest, CheckListsMissingChangedAndUnreadableFiles) {
-    restart("s/changed=old s/missing= s/refused= s/same= s/unreadable= s/unset=");
-    ASSERT_EQ(run(create), 0);
-    fs::remove(D + "/snapshot" + S + "/missing");
-    write("s/changed", "new");
-    kernel->answer("MODIFY_CHECK $/s/refused", {5, 0, MODIFY_CHECK_UNCHANGED});
-    kernel->answer("MODIFY_CHECK $/s/unset", {0, 0, ~MODIFY_CHECK_UNCHANGED});
-    kernel->answer("open $/s/unreadable", {-1, EACCES, {}});
-    EXPECT_EQ(checked(S, D + "/snapshot"),
-              "kept entry, $/s changed, $/s missing, $/s refused, $/s unreadable, $/s unset, ");
-    const auto ready = [](const std::string& file) {
-        return "I ready to check modify flag for sourcefilefullpath = $/s/" + file +
-               " dstsnapshotfilepath = $/d/snapshot$/s/" + file + "|\n";
-    };
-    EXPECT_EQ(lines({"I ", "E "}),
-              ready("changed") + ready("missing") +
-                  "I dstsnapshotfile already not exist, add to modifyfilelist|\n" +
-                  ready("refused") + "E F2FS_IOC_MODIFY_CHECK:get $/s/refused failed|\n" +
-                  ready("same") + ready("unreadable") +
-                  "E path_fd [$/s/unreadable] open failed errno = 13|\n" + ready("unset"));
-    EXPECT_NE(lines().find("open $/s/same O_RDONLY\nMODIFY_CHECK $/s/same {0, 0x8}\n"
-                           "close $/s/same\nstat $/d/snapshot$/s/same\n"),
-              std::string::npos);
-}
-
-TEST_F(EngineTest, PathsAreTakenAsTheyAre) {
-    restart("s/a= s/d/snapshot/old=");
-    const std::string inside = S + "/d/snapshot";
-    const std::string left_out =
-        "E subdirpath $/s/d/snapshot found same with rawdstpath just continue|\n";
-    EXPECT_EQ(run([&] { return CreateSingleDirSnapshot(S, M, inside); }), 0);
-    EXPECT_EQ(lines({"E "}), left_out);
-    EXPECT_EQ(dump("m"), (Dump{"a:", "d/"})) << "a snapshot inside its source leaves itself out";
-    EXPECT_EQ(checked(S, inside), "kept entry, $/s a, ");
-    EXPECT_EQ(lines({"E "}), left_out);
-    EXPECT_EQ(checked(S + "/", inside), "kept entry, $/s/ a, $/s//d/snapshot old, ");
-
-    EXPECT_EQ(run([] { return CreateDirSnapshot({"s"}, "d/"); }), 0);
-    EXPECT_EQ(lines({"I prepare"}), "I prepare dstpath [d//snapshots] dir first|\n");
-    EXPECT_EQ(read("d/snapshots/d/snapshot/old"), "");
-    outdate(1);
-    kernel->answer("unlink $/d/snapshot/$/s/a", {-1, ENOENT, {}});
-    EXPECT_EQ(run(create), 0);
-    EXPECT_NE(lines().find("I [$/d/snapshot/$/s/a] unlink ret = -1 errno = 2 and ready to "
-                           "recreate snapshot|\n"),
-              std::string::npos);
 }
 
 }  // namespace
