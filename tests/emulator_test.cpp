@@ -21,8 +21,7 @@
 #include "snapshot/f2fs_ioctl.h"
 #include "snapshot/snapshot.h"
 #include "tests/emulator_mount.h"
-#include "tests/process.h"
-#include "tests/test_tree.h"
+#include "tests/helpers.h"
 
 namespace {
 
