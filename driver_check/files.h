@@ -19,8 +19,8 @@ constexpr size_t SMALL = 4 * BLOCK;  // a file for whatever does not depend on t
 // An open file, by the name that steps and evidence call it.
 class File {
   public:
-    // openat(2) in the working directory; the name may be a path.
-    File(const std::string& name, int flags, mode_t mode = 0644);
+    // open(2); the title is what it is called where that is not the name.
+    File(const std::string& name, int flags, mode_t mode = 0644, const char* title = nullptr);
     File(File&& from) noexcept;
     File(const File&) = delete;
     File& operator=(const File&) = delete;
@@ -84,15 +84,17 @@ extern bool is_long;
 
 double now();  // seconds of a steady clock
 
-// True until the time for a race is over.
+// True until the time for a race is over. Processes that meet in the kernel only by chance, not at
+// each call, get `factor` times as long.
 class Race {
   public:
-    bool goesOn() {
+    explicit Race(double factor = 1) : end_(now() + factor * race_seconds) {}
+    bool goesOn() const {
         return now() < end_;
     }
 
   private:
-    double end_ = now() + race_seconds;
+    double end_;
 };
 
 }  // namespace driver_check

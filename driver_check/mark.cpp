@@ -25,11 +25,10 @@ constexpr off_t AT = BLOCK;
 // cleared (so that the set places it again in between), and one that comes before.
 void race(const std::function<void()>& writer, const std::function<Value()>& value) {
     const Process writing(writer);
-    const File file("source", O_RDONLY);
+    const File file("source", O_RDWR);
     unsigned long rounds = 0;
     unsigned long held = 0;
-    Race time;
-    for (; time.goesOn(); ++rounds) {
+    for (const Race time; time.goesOn(); ++rounds) {
         setMark(file);
         const Value first = value();
         const Value second = value();
@@ -193,7 +192,7 @@ void raceTruncate() {
                 need(ftruncate(own.fd(), size % SMALL), "ftruncate");
             }
         },
-        [&] { return static_cast<Value>(sizeOf(source)); });
+        [&] { return static_cast<Value>(contentOf(source, 0, SMALL).size()); });
 }
 
 void raceMapped() {

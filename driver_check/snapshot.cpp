@@ -53,12 +53,13 @@ void expectOneInstant(const std::string& content) {
 }
 
 // Takes snapshots of "source" as long as the writer races them, and judges each.
-void race(const std::function<void()>& writer, const std::function<void(const File&)>& judge) {
+void race(const std::function<void()>& writer, const std::function<void(const File&)>& judge,
+          double factor = 1) {
     const Process writing(writer);
     const File source("source", O_RDONLY);
     const File snapshot("snapshot", O_RDWR | O_CREAT, 0440);
     unsigned long taken = 0;
-    Race time;
+    const Race time(factor);
     do {
         createFrom(snapshot, source);
         judge(snapshot);
@@ -74,7 +75,8 @@ void sizes() {
                               BLOCK + 1, 16 * BLOCK, LARGE}) {
         const std::string content = pattern(size);
         const File source = layeredFile(content, format("source%zu", size));
-        expectStored(snapshotOf(source), content, SOURCES_BYTES);
+        const File snapshot = snapshotOf(source, format("snapshot%zu", size).c_str());
+        expectStored(snapshot, content, SOURCES_BYTES);
         expectContent(source, content, "the bytes it had before the snapshot");
     }
 }
@@ -291,7 +293,7 @@ void oneInstantMapped() {
                                  static_cast<uint32_t>(i / BLOCKS + 1), __ATOMIC_SEQ_CST);
             }
         },
-        [](const File& snapshot) { expectOneInstant(contentOf(snapshot)); });
+        [](const File& snapshot) { expectOneInstant(contentOf(snapshot)); }, 4);
 }
 
 }  // namespace driver_check::snapshot
