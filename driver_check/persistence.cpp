@@ -18,7 +18,8 @@ std::string bootId() {
     return contentOf(file, 0, 36);
 }
 
-nlohmann::json readRecord() {
+// The entries of the record's files.
+nlohmann::json recordedFiles() {
     const File file(RECORD, O_RDONLY);
     nlohmann::json record = nlohmann::json::parse(contentOf(file), nullptr, false);
     if (record.is_discarded() || record.value("version", 0) != VERSION) {
@@ -27,7 +28,7 @@ nlohmann::json readRecord() {
     if (record.value("boot_id", "") == bootId()) {
         note("the machine was not booted since --stage=before");
     }
-    return record;
+    return record["files"];
 }
 
 std::string patternOf(const nlohmann::json& entry) {
@@ -59,7 +60,7 @@ void before() {
 }
 
 void data() {
-    for (const auto& entry : readRecord()["files"]) {
+    for (const auto& entry : recordedFiles()) {
         const File file(entry.value("name", ""), O_RDONLY);
         did("%s is read, which --stage=before wrote", file.name());
         expectContent(file, patternOf(entry), "what it held before the reboot");
@@ -67,7 +68,7 @@ void data() {
 }
 
 void layered() {
-    for (const auto& entry : readRecord()["files"]) {
+    for (const auto& entry : recordedFiles()) {
         if (!entry.value("is_source", false)) {
             continue;
         }
@@ -82,7 +83,7 @@ void layered() {
 }
 
 void marks() {
-    for (const auto& entry : readRecord()["files"]) {
+    for (const auto& entry : recordedFiles()) {
         if (entry.value("is_changed", false)) {
             expectNoMark(File(entry.value("name", ""), O_RDONLY),
                          "a set, a write and the reboot, in this order");

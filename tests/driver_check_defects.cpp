@@ -483,6 +483,9 @@ ssize_t write(int fd, const void* data, size_t size) {
 }
 
 ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
+    if (is("disk-full")) {
+        return failWith(ENOSPC);
+    }
     if (is("mode-0440-obeyed") && (statOf(fd).st_mode & S_IWUSR) == 0) {
         return failWith(EACCES);
     }
