@@ -168,7 +168,7 @@ void lostBy(const Way& way) {
     if (!is_changed) {
         failed("data or size that read(2) shows to be changed", "the same bytes");
     }
-    expectNoMark(source, "the change, which a read shows");
+    expectNoMark(source, "this change, which read(2) shows");
 }
 
 void raceWrite() {

@@ -31,7 +31,8 @@ size_t count(const std::vector<Result>& results, Verdict verdict) {
 
 // What a reader needs of a failure, one line each.
 std::vector<std::string> explanation(const Result& result) {
-    std::vector<std::string> lines = {"clause:   " + std::string(result.check->clause)};
+    std::vector<std::string> lines = {"clause:   docs/kernel-interface.md, " +
+                                      std::string(result.check->clause)};
     for (const std::string& step : result.steps) {
         lines.push_back((&step == &result.steps.front() ? "did:      " : "          ") + step);
     }

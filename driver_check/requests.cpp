@@ -93,10 +93,14 @@ void setMark(const File& file) {
     succeed(trySet(file), "MODIFY_CHECK set");
 }
 
-bool isMarked(const File& file) {
+uint32_t flagOf(const File& file) {
     uint32_t flag = 0;
     succeed(tryGet(file, flag), "MODIFY_CHECK get");
-    return (flag & MODIFY_CHECK_UNCHANGED) != 0;
+    return flag;
+}
+
+bool isMarked(const File& file) {
+    return (flagOf(file) & MODIFY_CHECK_UNCHANGED) != 0;
 }
 
 bool isLayered(const File& file) {
@@ -136,16 +140,18 @@ File snapshotOf(const File& source, const char* name) {
 }
 
 void expectMark(const File& file, const std::string& after) {
-    if (!isMarked(file)) {
-        failed("the mark (flag & 0x2) on " + std::string(file.name()) + " after " + after,
-               "a flag without it");
+    const uint32_t flag = flagOf(file);
+    if ((flag & MODIFY_CHECK_UNCHANGED) == 0) {
+        failed(format("a flag of %s with the mark, bit 0x2, after ", file.name()) + after,
+               format("flag %#x", flag));
     }
 }
 
 void expectNoMark(const File& file, const std::string& after) {
-    if (isMarked(file)) {
-        failed("no mark (flag & 0x2) on " + std::string(file.name()) + " after " + after,
-               "a flag with the mark");
+    const uint32_t flag = flagOf(file);
+    if ((flag & MODIFY_CHECK_UNCHANGED) != 0) {
+        failed(format("a flag of %s without the mark, bit 0x2, after ", file.name()) + after,
+               format("flag %#x: the file counts as unchanged", flag));
     }
 }
 

@@ -18,6 +18,7 @@ int tryRevoke(const File& file);
 
 // Each fails the check unless the request succeeds.
 void setMark(const File& file);
+uint32_t flagOf(const File& file);
 bool isMarked(const File& file);
 bool isLayered(const File& file);
 void cloneFrom(const File& clone, const File& source);
