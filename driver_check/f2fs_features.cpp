@@ -52,7 +52,9 @@ void trySetting(int result, const char* what) {
 
 void setFlag(const File& file, unsigned flag, bool value, const char* what) {
     unsigned flags = 0;
-    trySetting(ioctl(file.fd(), FS_IOC_GETFLAGS, &flags), what);
+    if (ioctl(file.fd(), FS_IOC_GETFLAGS, &flags) != 0) {
+        skip("FS_IOC_GETFLAGS: " + nameOf(errno));
+    }
     flags = value ? flags | flag : flags & ~flag;
     trySetting(ioctl(file.fd(), FS_IOC_SETFLAGS, &flags), what);
 }

@@ -39,6 +39,14 @@ std::string difference(const std::string& seen, const std::string& expected) {
                   .c_str());
 }
 
+void writeAll(const File& file, const std::string& data, off_t offset) {
+    for (size_t done = 0; done < data.size();) {
+        done += static_cast<size_t>(need(pwrite(file.fd(), data.data() + done, data.size() - done,
+                                                offset + static_cast<off_t>(done)),
+                                         "pwrite"));
+    }
+}
+
 }  // namespace
 
 // Planted defects are found within 0.1 s mostly and within 1 s nearly always: docs/reliability.md.
@@ -76,9 +84,10 @@ std::string pattern(size_t size, unsigned seed) {
     return text;
 }
 
-File newFile(const std::string& name, const std::string& content, int flags) {
-    File file(name, flags | O_CREAT | O_EXCL);
-    writeAt(file, content, 0);
+File newFile(const std::string& name, const std::string& content) {
+    did("create %s, %zu bytes", name.c_str(), content.size());
+    File file(name, O_RDWR | O_CREAT | O_EXCL);
+    writeAll(file, content, 0);
     return file;
 }
 
@@ -90,11 +99,7 @@ File unnamedFile() {
 void writeAt(const File& file, const std::string& data, off_t offset) {
     did("pwrite of %zu bytes at offset %lld of %s", data.size(), static_cast<long long>(offset),
         file.name());
-    for (size_t done = 0; done < data.size();) {
-        done += static_cast<size_t>(need(pwrite(file.fd(), data.data() + done, data.size() - done,
-                                                offset + static_cast<off_t>(done)),
-                                         "pwrite"));
-    }
+    writeAll(file, data, offset);
 }
 
 void resize(const File& file, off_t size) {

@@ -43,7 +43,8 @@ class File {
 // `size` bytes of which no two blocks are the same, and none is that of another seed.
 std::string pattern(size_t size, unsigned seed = 1);
 
-File newFile(const std::string& name, const std::string& content, int flags = O_RDWR);
+// O_RDWR, mode 0644.
+File newFile(const std::string& name, const std::string& content);
 // An unnamed temporary file of the directory, O_RDWR and mode 0770, as the library makes them.
 File unnamedFile();
 

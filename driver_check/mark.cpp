@@ -23,7 +23,9 @@ constexpr off_t AT = BLOCK;
 // Between a set that has returned and a get that returns the mark, the value a reader sees must
 // not change. That finds a change without a loss of the mark, one that comes after the mark was
 // cleared (so that the set places it again in between), and one that comes before.
-void race(const std::function<void()>& writer, const std::function<Value()>& value) {
+void race(const char* what, const std::function<void()>& writer,
+          const std::function<Value()>& value) {
+    did("another process repeats: %s", what);
     const Process writing(writer);
     const File file("source", O_RDWR);
     unsigned long rounds = 0;
@@ -35,9 +37,9 @@ void race(const std::function<void()>& writer, const std::function<Value()>& val
         const bool is_marked = isMarked(file);
         held += is_marked ? 1 : 0;
         if (is_marked && first != second) {
-            did("round %lu of set, read, read, get among a writer: read %llu, then %llu", rounds,
+            did("that was round %lu; between set and get, reads gave %llu, then %llu", rounds,
                 static_cast<unsigned long long>(first), static_cast<unsigned long long>(second));
-            failed("no mark, since the file changed after the set returned and before the get",
+            failed("a flag without the mark, bit 0x2: the file changed between set and get",
                    "the mark");
         }
     }
@@ -174,6 +176,7 @@ void lostBy(const Way& way) {
 void raceWrite() {
     const File source = newFile("source", pattern(SMALL));
     race(
+        "pwrite of a counter to source",
         [] {
             const File own("source", O_RDWR);
             for (Value value = 0;; ++value) {
@@ -186,6 +189,7 @@ void raceWrite() {
 void raceTruncate() {
     const File source = newFile("source", pattern(SMALL));
     race(
+        "ftruncate to another size of source",
         [] {
             const File own("source", O_RDWR);
             for (off_t size = 0;; ++size) {
@@ -199,6 +203,7 @@ void raceMapped() {
     const File source = newFile("source", pattern(SMALL));
     const Mapping trial(source);
     race(
+        "stores to a shared mapping of source",
         [] {
             const File own("source", O_RDWR);
             const Mapping mapping(own);

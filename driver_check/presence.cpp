@@ -99,7 +99,8 @@ void sendAtTheEnd(const EndOfMemory& memory, const File& on, const Code& code,
                               format("on %s, its record of %zu bytes at the end of memory",
                                      on.described().c_str(), sizeof(record)));
     if (error != 0) {
-        failed(format("0: the driver to read and write no more than %zu bytes", sizeof(record)),
+        failed(format("0, since the record has %zu bytes and no more are to be read or written",
+                      sizeof(record)),
                nameOf(error));
     }
     if (!memory.isWholeBefore(sizeof(record))) {

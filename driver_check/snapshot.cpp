@@ -62,6 +62,7 @@ void expectOneInstant(const std::string& content) {
 // Takes snapshots of "source" as long as the writer races them, and judges each.
 void race(const std::function<void()>& writer, const std::function<void(const File&)>& judge,
           double factor = 1) {
+    did("another process writes to source all the time");
     const Process writing(writer);
     const File source("source", O_RDONLY);
     const File snapshot("snapshot", O_RDWR | O_CREAT, 0440);
