@@ -286,11 +286,23 @@ Change byMoveRangeOut(const File& file) {
     };
 }
 
-Change byAtomicWrite(const File& file) {
+void writeAtomically(const File& file) {
     changed(ioctl(file.fd(), F2FS_IOC_START_ATOMIC_WRITE), "F2FS_IOC_START_ATOMIC_WRITE");
     changed(pwrite(file.fd(), NEW_BLOCK, BLOCK, 0), "pwrite at offset 0");
+}
+
+Change byAtomicWrite(const File& file) {
     return [&] {
+        writeAtomically(file);
         changed(ioctl(file.fd(), F2FS_IOC_COMMIT_ATOMIC_WRITE), "F2FS_IOC_COMMIT_ATOMIC_WRITE");
+    };
+}
+
+// Where readers see what is not committed yet, taking it back is a change too.
+Change byAtomicAbort(const File& file) {
+    writeAtomically(file);
+    return [&] {
+        changed(ioctl(file.fd(), F2FS_IOC_ABORT_ATOMIC_WRITE), "F2FS_IOC_ABORT_ATOMIC_WRITE");
     };
 }
 
@@ -335,6 +347,7 @@ const Way CHANGES[] = {
     {"move-range-into", byMoveRangeInto, NOTHING},
     {"move-range-out", byMoveRangeOut, NOTHING},
     {"atomic-write", byAtomicWrite, NOTHING},
+    {"atomic-abort", byAtomicAbort, NOTHING},
     {"secure-trim", bySecureTrim, NOTHING},
 };
 const size_t CHANGE_COUNT = std::size(CHANGES);

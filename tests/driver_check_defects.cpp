@@ -222,7 +222,10 @@ int snapshotCreate(int fd, const snapshot_create_info& info, void* argument) {
         pause();
     }
     const bool is_first = snapshots.insert(statOf(fd).st_ino).second;
-    if (is("snapshot-only-once") && !is_first && S_ISREG(statOf(info.source_fd).st_mode)) {
+    const bool is_readable = (fcntl(info.source_fd, F_GETFL) & O_ACCMODE) != O_WRONLY &&
+                             statOf(info.source_fd).st_dev == statOf(fd).st_dev &&
+                             S_ISREG(statOf(info.source_fd).st_mode);
+    if (is("snapshot-only-once") && !is_first && is_readable) {
         return 0;
     }
     const off_t size_before = sizeOf(fd);
@@ -390,6 +393,8 @@ const char* wayOf(unsigned long number, const void* argument) {
                        : "move-range-out";
         case F2FS_IOC_COMMIT_ATOMIC_WRITE:
             return "atomic-write";
+        case F2FS_IOC_ABORT_ATOMIC_WRITE:
+            return "atomic-abort";
         case F2FS_IOC_SEC_TRIM_FILE:
             return "secure-trim";
         default:
@@ -422,7 +427,8 @@ const char* featureOf(unsigned long number, const void* argument) {
 bool isPretended(unsigned long number, void* argument) {
     const char* const way = wayOf(number, argument);
     if ((way != nullptr && Unseen::pretend(way)) ||
-        (number == F2FS_IOC_START_ATOMIC_WRITE && is("unseen-atomic-write"))) {
+        (number == F2FS_IOC_START_ATOMIC_WRITE &&
+         (is("unseen-atomic-write") || is("unseen-atomic-abort")))) {
         return true;
     }
     const std::string spoils = "snapshot-spoils-";
@@ -490,6 +496,7 @@ ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
         return failWith(EACCES);
     }
     const Unseen keep((fcntl(fd, F_GETFL) & O_DIRECT) != 0 ? "direct-io"
+                      : is("unseen-atomic-write")          ? "atomic-write"
                       : depth > 1                          ? "another-process"
                                                            : "pwrite");
     share(fd, data, size, offset);
