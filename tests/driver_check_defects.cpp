@@ -167,6 +167,7 @@ void startSharing(int from, int to) {
     shared_to = open(("/proc/self/fd/" + std::to_string(to)).c_str(), O_RDWR | O_CLOEXEC);
 }
 
+bool is_atomic = false;    // between the start of an atomic write and its commit
 bool has_feature = false;  // a file got an attribute that the emulator does not know
 
 void copyTorn(int from, int to) {
@@ -231,7 +232,7 @@ int snapshotCreate(int fd, const snapshot_create_info& info, void* argument) {
     const off_t size_before = sizeOf(fd);
     const std::string start = readReal(fd, BLOCK);
     const int result = request(fd, F2FS_IOC_SNAPSHOT_CREATE, argument);
-    if (result == 0 && is("snapshot-torn")) {
+    if (result == 0 && is("snapshot-torn") && source_size <= 1 << 20) {
         copyTorn(info.source_fd, fd);
     } else if (result == 0) {
         spoilSnapshot(info.source_fd, fd, size_before, start);
@@ -425,10 +426,12 @@ const char* featureOf(unsigned long number, const void* argument) {
 
 // True for a request that the emulator refuses and that this defect takes as served.
 bool isPretended(unsigned long number, void* argument) {
+    if (number == F2FS_IOC_START_ATOMIC_WRITE) {
+        is_atomic = is("unseen-atomic-write");
+        return is_atomic || is("unseen-atomic-abort");
+    }
     const char* const way = wayOf(number, argument);
-    if ((way != nullptr && Unseen::pretend(way)) ||
-        (number == F2FS_IOC_START_ATOMIC_WRITE &&
-         (is("unseen-atomic-write") || is("unseen-atomic-abort")))) {
+    if (way != nullptr && Unseen::pretend(way)) {
         return true;
     }
     const std::string spoils = "snapshot-spoils-";
@@ -496,7 +499,7 @@ ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
         return failWith(EACCES);
     }
     const Unseen keep((fcntl(fd, F_GETFL) & O_DIRECT) != 0 ? "direct-io"
-                      : is("unseen-atomic-write")          ? "atomic-write"
+                      : is_atomic                          ? "atomic-write"
                       : depth > 1                          ? "another-process"
                                                            : "pwrite");
     share(fd, data, size, offset);
