@@ -159,7 +159,9 @@ static int copy_chunk(struct file *from, struct file *to, loff_t pos,
  */
 static int next_run(struct inode *inode, pgoff_t *index, pgoff_t end)
 {
-	bool holes = !f2fs_compressed_file(inode) && !f2fs_is_atomic_file(inode);
+	bool holes = !f2fs_compressed_file(inode) &&
+		     !f2fs_is_atomic_file(inode) &&
+		     !HAS_DEFECT(DEFECT_COPY_WRITE_BACK);
 	struct dnode_of_data dn;
 	int length = 0;
 	int err;
