@@ -111,6 +111,18 @@ void f2fs_snapshot_change(struct inode *inode)
 	smp_mb();
 }
 
+int f2fs_snapshot_exchanged(struct inode *inode, loff_t pos, loff_t len)
+{
+	int err;
+
+	err = filemap_write_and_wait_range(inode->i_mapping, pos, pos + len - 1);
+	if (err)
+		return err;
+	return invalidate_inode_pages2_range(inode->i_mapping,
+					     pos >> PAGE_SHIFT,
+					     (pos + len - 1) >> PAGE_SHIFT);
+}
+
 void f2fs_snapshot_begin_store(struct inode *inode)
 {
 	down_read(&F2FS_I(inode)->i_stores);

@@ -57,6 +57,12 @@ struct f2fs_snapshot_create_info {
  */
 void f2fs_snapshot_change(struct inode *inode);
 
+/*
+ * To be called when blocks of @inode have been exchanged below its page cache,
+ * which would show the old data until it is dropped: a change with no notice.
+ */
+int f2fs_snapshot_exchanged(struct inode *inode, loff_t pos, loff_t len);
+
 /* Around F2FS's own page_mkwrite: clears the mark, and keeps copies out. */
 void f2fs_snapshot_begin_store(struct inode *inode);
 void f2fs_snapshot_end_store(struct inode *inode);
