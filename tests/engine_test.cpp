@@ -188,6 +188,9 @@ const Case CASES[] = {
      "I CreateSingleFileSoftLink symlink [none\xFF] [$/m/l] ret = -1|; "},
     {copyLink, "s/l=", "", 0, {0}, -1, nullptr, "readlink $/s/l 4096 = -1; "
      "I CreateSingleFileSoftLink readlink [$/s/l] [] ret = -1|; "},
+    {copyLink, "s/l>x", "readlink", 0, {0}, -1, nullptr, "readlink $/s/l 4096; "
+     "I CreateSingleFileSoftLink readlink [$/s/l] [] ret = 0|; symlink $/m/l ->  = -1; "
+     "I CreateSingleFileSoftLink symlink [] [$/m/l] ret = -1|; "},
     {[] { return revokeDedupFile(-1); }, "", "", 0, {0}, -1, nullptr,
      "E invalid file_handle = -1 return|; "},
     {[] { return revokeDedupFile(0); }, "", "DEDUP_REVOKE", 0, {0, 5}, GIVEN, nullptr,

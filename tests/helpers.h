@@ -139,9 +139,13 @@ pid_t startChild(Body body, int at_the_end = SIGKILL) {
     return child;
 }
 
-// Sends a signal (0: none) to a child and waits for its end. Returns the status, as above.
+// Sends a signal (0: none) to a child and waits for its end. Returns the status, as above, or -1 if
+// there is no child.
 inline int endChild(pid_t child, int signal = 0) {
     int status = 0;
+    if (child <= 0) {
+        return -1;
+    }
     kill(child, signal);
     waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
