@@ -7,7 +7,8 @@ namespace {
 
 using EndToEndTest = VolumeTest;
 
-// Everything that a file system allows: names of any bytes, every kind of link, sizes, deep trees.
+// Everything that file systems allow: names of any bytes, every kind of link, sizes, deep trees.
+// (XFS takes link texts of up to 1023 bytes only.)
 void makeOddTree(const fs::path& top) {
     fs::path deep = top;
     for (int level = 0; level < 25; ++level) {
@@ -27,7 +28,7 @@ void makeOddTree(const fs::path& top) {
     int number = 0;
     for (const std::string& text :
          {std::string("nowhere"), std::string("link3"), std::string("../.."),
-          std::string("a\n\xFF ;"), std::string(4095, 'x')}) {
+          std::string("a\n\xFF ;"), std::string(1000, 'x')}) {
         fs::create_symlink(text, top / ("link" + std::to_string(++number)));
     }
 }
