@@ -45,7 +45,7 @@ void time() {
     note("median of 7: MODIFY_CHECK set %.0f us, get %.0f us, DEDUP_GET_FILE_INFO %.0f us",
          median([&] { setMark(source); }), median([&] { isMarked(source); }),
          median([&] { isLayered(source); }));
-    for (const size_t size : {BLOCK, size_t(1) << 20, size_t(8) << 20}) {
+    for (const size_t size : {BLOCK, size_t{1} << 20, size_t{8} << 20}) {
         measure(size);
     }
 }

@@ -38,16 +38,16 @@ extern Evidence* evidence;
 struct Stop {};
 
 // Records a step, before or after it is taken.
-__attribute__((format(printf, 1, 2))) void did(const char* format, ...);
+__attribute__((format(printf, 1, 2))) void did(const char* text, ...);
 // Records a measured value, which is reported whatever the verdict.
-__attribute__((format(printf, 1, 2))) void note(const char* format, ...);
+__attribute__((format(printf, 1, 2))) void note(const char* text, ...);
 // End the check. `expected` and `saw` complete the sentences "expected ..." and "saw ...".
 [[noreturn]] void failed(const std::string& expected, const std::string& saw);
 [[noreturn]] void skip(const std::string& reason);
 
 // An errno value as driver authors write it, "0" for 0.
 std::string nameOf(int error);
-std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 
 // Ends the check because a call on the volume failed that every file system answers: unable when
 // the machine is out of something, else failed.

@@ -11,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "driver_check/checks.h"
@@ -68,7 +69,7 @@ class Key {
         add.key_spec.type = FSCRYPT_KEY_SPEC_TYPE_IDENTIFIER;
         add.raw_size = 64;
         const std::string raw = pattern(add.raw_size, static_cast<unsigned>(getpid()));
-        memcpy(memory + sizeof(add), raw.data(), raw.size());
+        std::copy(raw.begin(), raw.end(), memory + sizeof(add));
         trySetting(ioctl(directory_.fd(), FS_IOC_ADD_ENCRYPTION_KEY, &add),
                    "FS_IOC_ADD_ENCRYPTION_KEY");
         key_.key_spec = add.key_spec;

@@ -192,7 +192,7 @@ void raceTruncate() {
         [] {
             const File own("source", O_RDWR);
             for (off_t size = 0;; ++size) {
-                need(ftruncate(own.fd(), size % SMALL), "ftruncate");
+                need(ftruncate(own.fd(), size % static_cast<off_t>(SMALL)), "ftruncate");
             }
         },
         [&] { return static_cast<Value>(contentOf(source, 0, SMALL).size()); });

@@ -32,14 +32,14 @@ nlohmann::json recordedFiles() {
 }
 
 std::string patternOf(const nlohmann::json& entry) {
-    return pattern(entry.value("size", size_t(0)), entry.value("seed", 0U));
+    return pattern(entry.value("size", size_t{0}), entry.value("seed", 0U));
 }
 
 }  // namespace
 
 void before() {
     nlohmann::json files = nlohmann::json::array();
-    for (const size_t size : {size_t(1), size_t(100), BLOCK + 1, size_t(2) << 20}) {
+    for (const size_t size : {size_t{1}, size_t{100}, BLOCK + 1, size_t{2} << 20}) {
         const std::string name = format("source%zu", size);
         const File source = newFile(name, pattern(size));
         layer(source);

@@ -44,7 +44,7 @@ long long spaceLost(size_t size, int rounds) {
 }  // namespace
 
 void cloneData() {
-    for (const size_t size : {size_t(0), size_t(1), BLOCK - 1, BLOCK, BLOCK + 1, 64 * BLOCK}) {
+    for (const size_t size : {size_t{0}, size_t{1}, BLOCK - 1, BLOCK, BLOCK + 1, 64 * BLOCK}) {
         const std::string name = format("source%zu", size);
         const File source = newFile(name, pattern(size));
         const File clone = unnamedFile();
@@ -54,7 +54,7 @@ void cloneData() {
 }
 
 void sourceUnchanged() {
-    for (const size_t size : {size_t(1), BLOCK + 1, 64 * BLOCK}) {
+    for (const size_t size : {size_t{1}, BLOCK + 1, 64 * BLOCK}) {
         const std::string name = format("source%zu", size);
         const File source = newFile(name, pattern(size));
         layer(source);

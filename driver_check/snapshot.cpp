@@ -79,7 +79,7 @@ void race(const std::function<void()>& writer, const std::function<void(const Fi
 
 void sizes() {
     constexpr size_t LARGE = (24U << 20) + 123;
-    for (const size_t size : {size_t(0), size_t(1), size_t(100), size_t(3000), BLOCK - 1, BLOCK,
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{100}, size_t{3000}, BLOCK - 1, BLOCK,
                               BLOCK + 1, 16 * BLOCK, LARGE}) {
         const std::string content = pattern(size);
         const File source = layeredFile(content, format("source%zu", size));
@@ -106,7 +106,7 @@ void sparse() {
 // The library preallocates the low 32 bits of the size. Where the driver copies holes as data, the
 // file would fill the volume.
 void over4GiB() {
-    constexpr off_t SIZE = (off_t(1) << 32) + 3 * BLOCK;
+    constexpr off_t SIZE = (off_t{1} << 32) + 3 * BLOCK;
     {
         const File trial = newFile("trial", "");
         resize(trial, 16 << 20);
@@ -124,7 +124,7 @@ void over4GiB() {
     writeAt(source, pattern(100, 2), SIZE - 100);
     layer(source);
     const File snapshot("snapshot", O_RDWR | O_CREAT | O_TRUNC, 0440);
-    need(fallocate(snapshot.fd(), 0, 0, SIZE - (off_t(1) << 32)), "fallocate");
+    need(fallocate(snapshot.fd(), 0, 0, SIZE - (off_t{1} << 32)), "fallocate");
     createFrom(snapshot, source);
     if (sizeOf(snapshot) != SIZE) {
         failed(format("a size of %lld bytes", static_cast<long long>(SIZE)),
@@ -172,7 +172,7 @@ void mappedData() {
 void preallocation() {
     const File source = layeredFile(pattern(SMALL));
     for (const off_t length :
-         {off_t(0), off_t(1), off_t(SMALL - 1), off_t(SMALL + 1), off_t(9 * SMALL)}) {
+         {off_t{0}, off_t{1}, off_t{SMALL - 1}, off_t{SMALL + 1}, off_t{9 * SMALL}}) {
         const File snapshot("snapshot", O_RDWR | O_CREAT | O_TRUNC);
         if (length > 0) {
             did("fallocate of snapshot, mode 0, to %lld bytes", static_cast<long long>(length));
@@ -224,7 +224,7 @@ void keepsMark() {
 void again() {
     const File source = layeredFile(pattern(SMALL));
     const File snapshot = snapshotOf(source);
-    for (const size_t size : {SMALL + 100, BLOCK, size_t(10)}) {
+    for (const size_t size : {SMALL + 100, BLOCK, size_t{10}}) {
         resize(source, 0);
         writeAt(source, pattern(size, 4), 0);
         createFrom(snapshot, source);

@@ -36,7 +36,7 @@ template <typename Function>
 Function realOf(const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
-#define REAL(name) static const auto real = realOf<decltype(&name)>(#name)
+#define REAL(name) static const auto real = realOf<decltype(&(name))>(#name)
 
 const std::string& defect() {
     static const char* const name = getenv("F2FS_DEFECT");
@@ -300,7 +300,9 @@ int modifyCheck(int fd, modify_check_info& info) {
 
 int fileInfo(int fd, dedup_file_info& info) {
     const int result = request(fd, F2FS_IOC_DEDUP_GET_FILE_INFO, &info);
-    info.is_layered = is("layered-too-early") ? 1 : is("layered-never") ? 0 : info.is_layered;
+    if (is("layered-too-early") || is("layered-never")) {
+        info.is_layered = is("layered-too-early") ? 1 : 0;
+    }
     return result;
 }
 
@@ -535,7 +537,9 @@ long syscall(long number, ...) {
     va_end(arguments);
     static long charged = 0;
     if (number == SYS_quotactl_fd && is("quota-never-given-back")) {
-        reinterpret_cast<if_dqblk*>(word[3])->dqb_curspace = static_cast<uint64_t>(charged);
+        if_dqblk* quota = nullptr;
+        memcpy(&quota, &word[3], sizeof(word[3]));
+        quota->dqb_curspace = static_cast<uint64_t>(charged);
         charged += 1 << 20;
         return 0;
     }
