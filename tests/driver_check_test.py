@@ -123,7 +123,10 @@ class Volume:
 
     def start(self):
         with open(self.root / "errors", "ab") as errors:
-            self.daemon = subprocess.Popen([EMULATOR, self.backing, self.path, "-f"], stderr=errors)
+            # A test that is killed leaves no mount behind either.
+            self.daemon = subprocess.Popen(
+                ["setpriv", "--pdeathsig=TERM", EMULATOR, self.backing, self.path, "-f"],
+                stderr=errors)
         while not os.path.ismount(self.path):
             if self.daemon.poll() is not None:
                 raise unittest.SkipTest((self.root / "errors").read_text())
