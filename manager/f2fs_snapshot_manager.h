@@ -217,9 +217,8 @@ typedef struct f2fs_snapshot_store f2fs_snapshot_store;
 
 /*
  * Opens the store in the directory `path`, absolute or relative. It must belong to the effective
- * user and deny all permissions to group and others; and nobody else may be able to put another
- * directory in its place: each directory above it belongs to root or to the effective user, and
- * others can write to it only if its sticky bit is set.
+ * user and deny all permissions to group and others. Keep it where nobody else can rename the
+ * directories above it.
  *
  * flags  F2FS_SNAPSHOT_STORE_CREATE or 0
  *
@@ -284,8 +283,8 @@ typedef struct f2fs_snapshot_create_options {
  * library is called again, `attempts` times in all. If it still does, the snapshot is kept with
  * info->whole = 0 and the list of what changed; with `strict` the call fails instead.
  *
- * sources  directories, absolute or relative, at least one. They are resolved first. None may be
- *          given twice, lie below another, contain the store or lie in it, have a file system
+ * sources  directories by absolute paths, at least one. Links in them are resolved first. None may
+ *          be given twice, lie below another, contain the store or lie in it, have a file system
  *          mounted below it, or be on another volume than the store. Store, name and source
  *          together are limited to 254 bytes less 19: STORE/.NAME.partial/snapshot/SOURCE
  * options  may be NULL. A name has 1 to 100 bytes, no "/" and no control characters, and does not

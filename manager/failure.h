@@ -38,6 +38,9 @@ class Failure : public std::exception {
 // are escaped as in C.
 std::string shown(const std::string& path);
 
+// The length of the printable UTF-8 sequence at an offset of text; 0: there is none.
+size_t plainLength(const std::string& text, size_t offset);
+
 // The text of an errno value.
 std::string reasonOf(int error);
 

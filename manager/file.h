@@ -2,14 +2,14 @@
 // Files and directories by descriptor. Functions throw Failure; `path` is for its message.
 #pragma once
 
-#include <dirent.h>
-#include <fcntl.h>
+#include <linux/stat.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
+#include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace manager {
 
@@ -47,31 +47,37 @@ class UniqueFd {
     int fd_ = -1;
 };
 
-using DirectoryStream = std::unique_ptr<DIR, int (*)(DIR*)>;
+// The path that leads to what a descriptor has open, whatever became of its name.
+std::string procPath(int fd);
 
-// Opens a directory for reading, never through a link at its last name.
+// Opens a directory for reading, never through a link at its name ("." is the parent itself).
 UniqueFd openDirectory(int parent, const char* name, const std::string& path);
 
-// A stream over the directory's entries, from the first one. The descriptor stays the caller's.
-DirectoryStream readEntries(int directory, const std::string& path);
+// The attributes of a name, of the link itself if it is one. Returns 0 or an errno value.
+int attributesOf(int parent, const char* name, struct statx& attributes);
 
-// Reads the next entry except "." and ".."; nullptr at the end.
-const dirent* nextEntry(DIR* stream, const std::string& path);
+// Whether two objects are the same.
+bool isSame(const struct statx& one, const struct statx& other);
+
+// The text of a symbolic link.
+std::string readLink(int parent, const char* name, const std::string& path);
 
 std::string readFile(int parent, const char* name, const std::string& path);
 
-// Makes a new file (0600), writes and syncs it.
+// Makes a new file (0600) with this content.
 void writeFile(int parent, const char* name, const std::string& path, const std::string& content);
 
-void syncFile(int fd, const std::string& path);
+struct Names {
+    std::vector<std::string> names;  // sorted by bytes, without "." and ".."
+    bool has_unknown_types = false;  // the file system does not report the types of all entries
+};
+// What is in a directory. Returns 0 or an errno value.
+int readNames(int directory, Names& names);
 
-// Removes a name and all that is below it, following no link and leaving no mounted file system. A
-// name that is not there is no failure. on_file is called after each name that is gone.
-template <typename OnRemoved>
-void removeTree(int parent, const char* name, const std::string& path, OnRemoved on_removed);
-void removeTree(int parent, const char* name, const std::string& path);
-
-// The path that leads to what a descriptor has open.
-std::string procPath(int fd);
+// Removes a name and all that is below it. Follows no link, whatever others do meanwhile, and needs
+// few descriptors however deep the tree is. A name that does not exist is no failure. on_removed is
+// called after each removal that is not a directory's.
+void removeTree(int parent, const std::string& name, const std::string& path,
+                const std::function<void()>& on_removed);
 
 }  // namespace manager

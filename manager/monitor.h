@@ -3,7 +3,6 @@
 #pragma once
 
 #include <chrono>
-#include <string>
 
 #include "manager/f2fs_snapshot_manager.h"
 
@@ -22,21 +21,21 @@ class Monitor {
     void poll() {
         step(0);
     }
-    // Asks now. Throws ERROR_CANCELLED if the caller wants to end the call.
+    // Reports at once.
+    void report();
+    // Throws ERROR_CANCELLED if the caller wants to end the call.
     void throwIfCancelled() const;
     void log(int32_t priority, const char* line) const;
-    // While removing what a failure left, a cancel changes nothing any more.
+    // While what a failure left is removed, a cancel changes nothing any more.
     void ignoreCancel() {
         cancel_ignored_ = true;
     }
 
-    // For what only the current phase knows; reported with the next step.
+    // What the next report says.
     f2fs_snapshot_progress now = {};
 
   private:
-    void report();
-
-    f2fs_snapshot_callbacks callbacks_ = {};
+    f2fs_snapshot_callbacks callbacks_;
     std::chrono::steady_clock::time_point next_report_;
     bool cancel_ignored_ = false;
 };

@@ -47,8 +47,10 @@ struct Info {
     std::vector<Finding> findings;
 };
 
-// The caller frees them with f2fs_snapshot_report_free and f2fs_snapshot_info_free.
+// Structures of the C interface that own what they point to.
 f2fs_snapshot_report* newReport(Report report);
 f2fs_snapshot_info* newInfo(Info info);
+void freeReport(f2fs_snapshot_report* report);
+void freeInfo(f2fs_snapshot_info* info);
 
 }  // namespace manager
