@@ -150,9 +150,12 @@ typedef enum f2fs_snapshot_finding_kind {
     F2FS_SNAPSHOT_FOUND_LINK_DIFFERS = 44,
     F2FS_SNAPSHOT_FOUND_DIGEST_DIFFERS = 45,
     F2FS_SNAPSHOT_FOUND_UNREADABLE = 46,
-    /* f2fs_snapshot_restore: what could not be set on a restored path */
-    F2FS_SNAPSHOT_FOUND_OWNER_NOT_SET = 60,
-    F2FS_SNAPSHOT_FOUND_ATTRIBUTE_NOT_SET = 61
+    /* f2fs_snapshot_restore: what could not be set on a restored path, and what is in its way; also
+     * the differences that f2fs_snapshot_verify finds, where it meets them */
+    F2FS_SNAPSHOT_FOUND_OWNER_NOT_SET = 60, /* nor are the set-user-ID and set-group-ID modes */
+    F2FS_SNAPSHOT_FOUND_ATTRIBUTE_NOT_SET = 61,
+    F2FS_SNAPSHOT_FOUND_LINK_NOT_SET = 62, /* names of one file hold different contents */
+    F2FS_SNAPSHOT_FOUND_IN_THE_WAY = 63    /* dry_run with overwrite only */
 } f2fs_snapshot_finding_kind;
 
 typedef struct f2fs_snapshot_finding {
@@ -384,7 +387,7 @@ typedef struct f2fs_snapshot_restore_options {
     const f2fs_snapshot_callbacks* callbacks; /* progress and cancel */
     const char* const* paths; /* absolute source paths to restore; NULL: everything */
     size_t path_count;
-    int32_t overwrite; /* 1: existing files and links are replaced; 0: they are an error */
+    int32_t overwrite; /* 1: restore into what the destination holds; see below */
     int32_t dry_run;   /* 1: only tell what would be restored, and what is in the way */
 } f2fs_snapshot_restore_options;
 #define F2FS_SNAPSHOT_RESTORE_OPTIONS_INIT \
@@ -392,18 +395,29 @@ typedef struct f2fs_snapshot_restore_options {
 
 /*
  * Copies a snapshot's trees into a directory, source S to destination + S, with modes, owners,
- * times, extended attributes, links and holes as the manifest has them. Writes through no link:
- * neither a link below the destination nor one put there meanwhile. The snapshot cannot be
- * destroyed meanwhile.
+ * times, extended attributes, links and hard links as the manifest has them. Blocks of zeros become
+ * holes. Directories above the trees get mode 0700. Writes through no link: neither a link below
+ * the destination nor one put there meanwhile. The snapshot cannot be destroyed meanwhile.
  *
- * destination  made if missing; its parent must exist
+ * What the snapshot has lost, or holds other than the manifest has it, does not end the call: the
+ * rest is restored, and the report names it with severity FAILS.
+ *
+ * Without `overwrite`, the destination must be empty or missing. The trees are made in its
+ * subdirectory .f2fs_snapshot_restore.partial and appear under their names when they are whole and
+ * on the disk. A failure or cancel removes all that was made. If the process is killed, the next
+ * restore into this destination removes it.
+ *
+ * With `overwrite`, directories that exist are used, and files and links that exist are replaced,
+ * each in one step; nothing else is removed. An entry of another type in the way is ERROR_EXISTS,
+ * found before anything is changed. A failure or cancel leaves what was restored before it; no file
+ * is left half written under its name.
+ *
+ * destination  made (0700) if missing; its parent must exist. Not in the store
  * options      may be NULL
- * report       may be NULL; what could not be set (owners without the right to, attributes that
- *              the file system does not have). f2fs_snapshot_report_free
+ * report       may be NULL; what could not be restored, and counts. f2fs_snapshot_report_free
  *
- * A failure leaves what was restored before it; no file is left half written under its name.
- *
- * Errors: ARGUMENT, NAME, NOT_FOUND, FORMAT, EXISTS, CANCELLED, SYSTEM.
+ * Errors: ARGUMENT, NAME, NOT_FOUND (the snapshot, or one of the paths in it), FORMAT, EXISTS,
+ * BUSY, CANCELLED, SYSTEM.
  */
 F2FS_SNAPSHOT_MANAGER_API int32_t
 f2fs_snapshot_restore(f2fs_snapshot_store* store, const char* name, const char* destination,
@@ -435,8 +449,9 @@ f2fs_snapshot_destroy(f2fs_snapshot_store* store, const char* name,
 
 /*
  * Which snapshots to keep. Each rule keeps the newest snapshot of each of the newest N hours,
- * days, ISO weeks, months or years that have one, in local time. A snapshot that no rule keeps is
- * removed. At least one rule must be given.
+ * days, ISO weeks, months or years that have one, in local time, and counts for itself. A rule that
+ * finds fewer than N keeps the oldest snapshot, too. A snapshot that no rule keeps is removed,
+ * except the newest whole one. At least one rule must be given.
  */
 typedef struct f2fs_snapshot_prune_options {
     size_t size;
@@ -468,7 +483,8 @@ typedef struct f2fs_snapshot_prune_result {
 F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_prune_result_free(f2fs_snapshot_prune_result* result);
 
 /*
- * Removes the snapshots that no rule keeps. Damaged ones are neither counted nor removed.
+ * Removes the snapshots that no rule keeps, the oldest first. Damaged ones are neither counted nor
+ * removed. One that somebody verifies or restores stays, for the reason "in use".
  *
  * result  may be NULL; f2fs_snapshot_prune_result_free
  *

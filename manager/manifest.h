@@ -24,6 +24,8 @@ struct Recorded {
     int64_t seconds = 0;  // of the modification time
     uint32_t nanoseconds = 0;
     uint64_t size = 0;
+    uint64_t inode = 0;  // of the source, together with:
+    uint32_t names = 0;  // its link count; 0 and 1: no other name
     std::string link;    // text of a symbolic link
     std::string digest;  // SHA-256, 32 bytes; empty: none
 };
