@@ -50,9 +50,9 @@ void Descent::leave() {
     }
     level.fd = openDirectory(child.get(), "..", path_);
     if (!isSame(identityOf(level.fd.get(), path_), level.identity)) {
-        throw Failure(F2FS_SNAPSHOT_ERROR_SYSTEM, path_,
-                      "a directory was moved out of " + shown(path_) +
-                          " while it was read: call again");
+        throw Failure(
+            F2FS_SNAPSHOT_ERROR_SYSTEM, path_,
+            "a directory was moved out of " + shown(path_) + " while it was read: call again");
     }
 }
 

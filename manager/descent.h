@@ -30,8 +30,8 @@ class Descent {
     void enter(const std::string& name);
     // The same, with a descriptor that the caller opened, and its attributes.
     void enter(UniqueFd directory, const std::string& name, const struct statx& identity);
-    // Goes back. Throws if the directory was moved out of the one that it was entered from, and that
-    // one is no longer open.
+    // Goes back. Throws if the directory was moved out of the one that it was entered from, and
+    // that one is no longer open.
     void leave();
 
   private:

@@ -12,11 +12,11 @@ namespace {
 // The length of the UTF-8 sequence at text, 0 if there is none.
 size_t sequenceLength(const char* text, size_t size) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const size_t length = byte(0) < 0x80                         ? 1
-                          : byte(0) >= 0xC2 && byte(0) < 0xE0    ? 2
-                          : byte(0) >= 0xE0 && byte(0) < 0xF0    ? 3
-                          : byte(0) >= 0xF0 && byte(0) <= 0xF4   ? 4
-                                                                 : 0;
+    const size_t length = byte(0) < 0x80                       ? 1
+                          : byte(0) >= 0xC2 && byte(0) < 0xE0  ? 2
+                          : byte(0) >= 0xE0 && byte(0) < 0xF0  ? 3
+                          : byte(0) >= 0xF0 && byte(0) <= 0xF4 ? 4
+                                                               : 0;
     if (length == 0 || length > size) {
         return 0;
     }
@@ -26,7 +26,8 @@ size_t sequenceLength(const char* text, size_t size) {
         }
     }
     // Overlong forms, surrogates, and what lies beyond the last code point.
-    const bool is_bad = (byte(0) == 0xE0 && byte(1) < 0xA0) || (byte(0) == 0xED && byte(1) > 0x9F) ||
+    const bool is_bad = (byte(0) == 0xE0 && byte(1) < 0xA0) ||
+                        (byte(0) == 0xED && byte(1) > 0x9F) ||
                         (byte(0) == 0xF0 && byte(1) < 0x90) || (byte(0) == 0xF4 && byte(1) > 0x8F);
     return is_bad ? 0 : length;
 }
@@ -45,8 +46,7 @@ void failSystem(const char* doing, const std::string& path) {
 
 size_t plainLength(const std::string& text, size_t offset) {
     const auto byte = static_cast<unsigned char>(text[offset]);
-    return byte < 0x20 || byte == 0x7F ? 0
-                                       : sequenceLength(&text[offset], text.size() - offset);
+    return byte < 0x20 || byte == 0x7F ? 0 : sequenceLength(&text[offset], text.size() - offset);
 }
 
 std::string shown(const std::string& path) {

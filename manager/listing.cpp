@@ -41,7 +41,7 @@ void Listing::append(const TreeWalk& walk) {
             break;
         case S_IFLNK:
             ++counts.links;
-            entry.link_text = keep(readLink(walk.parent(), walk.name(), walk.path()));
+            entry.link_text = keep(walk.linkText());
             break;
         default:
             ++counts.files;

@@ -91,9 +91,9 @@ void merge(ListingCursor& cursor, TreeWalk& walk, size_t walk_prefix, Each each)
     bool has_walk = walk.next();
     while (!cursor.atEnd() || has_walk) {
         const int order = cursor.atEnd() ? 1
-                          : !has_walk    ? -1
-                                         : comparePaths(cursor.path(),
-                                                        walk.path().substr(walk_prefix));
+                          : !has_walk
+                              ? -1
+                              : comparePaths(cursor.path(), walk.path().substr(walk_prefix));
         const bool goes_on = each(order <= 0 ? &cursor : nullptr, order >= 0);
         if (order <= 0) {
             goes_on ? cursor.next() : cursor.skip();

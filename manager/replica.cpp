@@ -130,9 +130,11 @@ ino64_t inodeOf(int fd) {
 }
 
 timespec modified(const Recorded& recorded) {
+    constexpr int64_t SECOND = 1000000000;
+    const int64_t rest = (recorded.modified % SECOND + SECOND) % SECOND;
     timespec time = {};
-    time.tv_sec = static_cast<time_t>(recorded.seconds);
-    time.tv_nsec = static_cast<long>(recorded.nanoseconds);
+    time.tv_sec = static_cast<time_t>((recorded.modified - rest) / SECOND);
+    time.tv_nsec = static_cast<long>(rest);
     return time;
 }
 
@@ -223,8 +225,8 @@ void Replica::finishDirectory(const Recorded& recorded, int directory) {
 }
 
 void Replica::checkDigest(const Recorded& recorded, int copy) {
-    if (!recorded.digest.empty() && lseek64(copy, 0, SEEK_SET) == 0 &&
-        digestOf(copy, recorded.path) != recorded.digest) {
+    if (!recorded.digest.empty() &&
+        digestOf(copy, recorded.size, recorded.path, on_data_) != recorded.digest) {
         find(recorded.path, F2FS_SNAPSHOT_FOUND_DIGEST_DIFFERS, F2FS_SNAPSHOT_FAILS,
              "the content that was restored is not the one that was recorded");
     }

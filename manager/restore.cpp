@@ -188,13 +188,18 @@ class Restore {
   public:
     Restore(const Store& store, const std::string& name,
             const f2fs_snapshot_restore_options& options, Monitor& monitor)
-        : name_(name),
-          path_(store.pathOf(name)),
+        : path_(store.pathOf(name)),
           generation_(store.openShared(name)),
           overwrite_(options.overwrite != 0),
           selection_(options),
           monitor_(monitor) {
         readInfo(generation_.get(), path_, name);  // it must be of a format that is known
+        for (Recorded& line : readManifest(generation_.get(), path_)) {
+            if (selection_.has(line.path)) {
+                lines_.push_back(std::move(line));
+            }
+        }
+        selection_.requireAllKnown(name);
     }
 
     // Counts what is to be restored and finds what is in its way.
@@ -211,19 +216,19 @@ class Restore {
     void restoreFile(const Recorded& recorded, const Spot& spot);
     void finishDirectories(int top, const std::string& path, bool tops);
 
-    const std::string name_;
     const std::string path_;
     const UniqueFd generation_;
     const bool overwrite_;
     Selection selection_;
     Monitor& monitor_;
+    std::vector<Recorded> lines_;  // what is to be restored, a directory before what it holds
 
     int top_ = -1;
     std::unique_ptr<Replica> replica_;
     std::unique_ptr<Position> from_;
     std::unique_ptr<Position> to_;
-    std::vector<Recorded> directories_;  // get their attributes when all is in them
-    Missing missing_;                    // in the snapshot
+    std::vector<const Recorded*> directories_;  // get their attributes when all is in them
+    Missing missing_;                           // in the snapshot
 };
 
 void Restore::survey(const Destination& destination) {
@@ -234,11 +239,8 @@ void Restore::survey(const Destination& destination) {
     } else if (destination.exists()) {
         destination.requireEmpty();
     }
-    readManifest(generation_.get(), path_, [&](const Recorded& recorded) {
+    for (const Recorded& recorded : lines_) {
         monitor_.poll();
-        if (!selection_.has(recorded.path)) {
-            return;
-        }
         const uint32_t type = recorded.mode & S_IFMT;
         report.counts.files += type == S_IFREG ? 1 : 0;
         report.counts.directories += type == S_IFDIR ? 1 : 0;
@@ -247,8 +249,7 @@ void Restore::survey(const Destination& destination) {
         if (survey) {
             survey->look(recorded);
         }
-    });
-    selection_.requireAllKnown(name_);
+    }
 }
 
 // The findings of the survey are for dry runs only.
@@ -285,11 +286,11 @@ void Restore::restoreInto(int top, const std::string& path) {
                                        snapshot);
     to_ = std::make_unique<Position>(reopened(top, path), path);
     top_ = top;
-    readManifest(generation_.get(), path_, [&](const Recorded& recorded) {
-        if (selection_.has(recorded.path) && !missing_.has(recorded.path)) {
+    for (const Recorded& recorded : lines_) {
+        if (!missing_.has(recorded.path)) {
             restore(recorded);
         }
-    });
+    }
     monitor_.begin(F2FS_SNAPSHOT_PHASE_SYNC);
     finishDirectories(top, path, false);
     if (syncfs(top) != 0) {
@@ -313,7 +314,7 @@ void Restore::restore(const Recorded& recorded) {
             if (mkdirat(spot.directory, spot.name.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
                 failSystem("make the directory", recorded.path);
             }
-            directories_.push_back(recorded);
+            directories_.push_back(&recorded);
             break;
         case S_IFLNK:
             replica_->makeLink(recorded, spot);
@@ -359,14 +360,15 @@ void Restore::restoreFile(const Recorded& recorded, const Spot& spot) {
 void Restore::finishDirectories(int top, const std::string& path, bool tops) {
     Position position(reopened(top, path), path);
     // What lies deeper comes first: a directory's mode can forbid to enter it.
-    for (auto recorded = directories_.rbegin(); recorded != directories_.rend(); ++recorded) {
-        const Components names = componentsOf(recorded->path);
+    for (auto each = directories_.rbegin(); each != directories_.rend(); ++each) {
+        const Recorded& recorded = **each;
+        const Components names = componentsOf(recorded.path);
         if ((names.size() == 1) != tops) {
             continue;
         }
         position.moveTo(names, enterExisting);
         replica_->finishDirectory(
-            *recorded, openDirectory(position.fd(), names.back().c_str(), recorded->path).get());
+            recorded, openDirectory(position.fd(), names.back().c_str(), recorded.path).get());
     }
 }
 

@@ -41,18 +41,17 @@ bool TreeWalk::next() {
         name_ = level.names[level.next++];
         path_ = descent_.path() + "/" + name_;
         error_ = attributesOf(descent_.fd(), name_.c_str(), attributes_);
-        if (error_ == ENOENT) {
-            continue;
-        }
         if (error_ != 0) {
             attributes_ = {};
         } else if (type() == S_IFDIR) {
             opened_.reset(openat(descent_.fd(), name_.c_str(),
                                  O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             readDirectory();
-            if (error_ == ENOENT || error_ == ENOTDIR || error_ == ELOOP) {
-                continue;  // something else has come to the name meanwhile
-            }
+        } else if (type() == S_IFLNK) {
+            readLinkText();
+        }
+        if (error_ == ENOENT || error_ == ENOTDIR || error_ == ELOOP || error_ == EINVAL) {
+            continue;  // something else has come to the name meanwhile
         }
         return true;
     }
@@ -71,6 +70,13 @@ void TreeWalk::descend() {
         descent_.enter(std::move(opened_), name_, attributes_);
     }
     levels_.push_back({std::move(names_.names)});
+}
+
+void TreeWalk::readLinkText() {
+    char text[4096];  // one more than the longest
+    const ssize_t length = readlinkat(descent_.fd(), name_.c_str(), text, sizeof text);
+    error_ = length < 0 ? errno : 0;
+    link_text_.assign(text, static_cast<size_t>(length < 0 ? 0 : length));
 }
 
 void TreeWalk::readDirectory() {

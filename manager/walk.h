@@ -24,8 +24,8 @@ class TreeWalk {
 
     TreeWalk(UniqueFd top, const std::string& path, IsUnsettled is_unsettled = nullptr);
 
-    // Goes on to the next entry; false: there is none. Entries that vanish before they could be
-    // looked at are left out.
+    // Goes on to the next entry; false: there is none. Entries that vanish, or are replaced,
+    // before they could be looked at are left out.
     bool next();
     // Leaves out what is in the current directory.
     void skip() {
@@ -56,7 +56,12 @@ class TreeWalk {
     uint32_t type() const {
         return attributes_.stx_mode & S_IFMT;
     }
-    // Why the entry could not be looked at or, a directory, not be read (an errno value); 0: it was.
+    // Of a symbolic link.
+    const std::string& linkText() const {
+        return link_text_;
+    }
+    // Why the entry could not be looked at or, a directory, not be read (an errno value); 0: it
+    // was.
     int error() const {
         return error_;
     }
@@ -71,6 +76,7 @@ class TreeWalk {
     };
     void descend();
     void readDirectory();
+    void readLinkText();
 
     IsUnsettled is_unsettled_;
     Descent descent_;
@@ -81,6 +87,7 @@ class TreeWalk {
     std::string name_;
     struct statx attributes_ = {};
     int error_ = 0;
+    std::string link_text_;
     UniqueFd opened_;  // the current directory, until the walk goes on into it
     Names names_;      // what it holds
 };
