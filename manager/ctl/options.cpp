@@ -30,6 +30,10 @@ CLI::Option* addNames(CLI::App& app, Options& options, const char* help) {
     return app.add_option("NAME", options.names, help);
 }
 
+void addSnapshot(CLI::App& app, Options& options) {
+    app.add_option("NAME", options.snapshot, "The snapshot")->required();
+}
+
 // Where "--" stands, which is argc if it does not.
 int findSeparator(int argc, char** argv) {
     return static_cast<int>(
@@ -117,7 +121,8 @@ void describeCreate(CLI::App& app, Options& options) {
 void describeRun(CLI::App& app, Options& options) {
     describeCreate(app, options);
     app.footer(
-        "What stands behind \"--\" is the command: run [OPTIONS] SOURCE... -- COMMAND [ARGUMENT...]\n"
+        "What stands behind \"--\" is the command: run [OPTIONS] SOURCE... -- COMMAND "
+        "[ARGUMENT...]\n"
         "{} in it becomes the path of the snapshot, as is F2FS_SNAPSHOT_PATH in its environment.");
 }
 
@@ -127,7 +132,7 @@ void describeList(CLI::App& app, Options& options) {
 }
 
 void describeShow(CLI::App& app, Options& options) {
-    addNames(app, options, "The snapshot")->required()->expected(1);
+    addSnapshot(app, options);
 }
 
 void describeVerify(CLI::App& app, Options& options) {
@@ -136,7 +141,7 @@ void describeVerify(CLI::App& app, Options& options) {
 }
 
 void describeRestore(CLI::App& app, Options& options) {
-    addNames(app, options, "The snapshot")->required()->expected(1);
+    addSnapshot(app, options);
     app.add_option("DEST", options.destination, "The directory to restore into, empty or new")
         ->required();
     app.add_option("--path", options.paths, "Restore only this source path (can be repeated)")

@@ -21,7 +21,8 @@ struct Options {
     bool dry_run = false;
     std::vector<std::string> sources;  // check, create, run
     std::vector<std::string> command;  // run: what stands behind "--"
-    std::vector<std::string> names;    // show, verify, destroy, restore: of snapshots
+    std::string snapshot;              // show, restore: its name
+    std::vector<std::string> names;    // verify, destroy: of snapshots
     f2fs_snapshot_create_options create = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
     std::string name;  // create, run
     bool strict = false;

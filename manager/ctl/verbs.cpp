@@ -132,8 +132,8 @@ int list(const Options& options) {
 
 int show(const Options& options) {
     const Session session(options);
-    const Owned<f2fs_snapshot_info> info = session.info(options.names[0]);
-    const uint64_t usage = session.diskUsage(options.names[0]);
+    const Owned<f2fs_snapshot_info> info = session.info(options.snapshot);
+    const uint64_t usage = session.diskUsage(options.snapshot);
     if (options.json) {
         Json snapshot = infoJson(*info);
         snapshot["disk_bytes"] = usage;
@@ -195,7 +195,7 @@ int verify(const Options& options) {
 
 int restore(const Options& options) {
     Session session(options);
-    const std::string& name = options.names[0];
+    const std::string& name = options.snapshot;
     const std::vector<const char*> paths = pointers(options.paths);
     f2fs_snapshot_restore_options given = F2FS_SNAPSHOT_RESTORE_OPTIONS_INIT;
     given.callbacks = session.callbacks();
