@@ -97,8 +97,9 @@ void printInfo(const f2fs_snapshot_info& info, uint64_t disk_bytes) {
            utcTime(info.instant_earliest).c_str(), utcTime(info.instant_latest).c_str());
     printf("  on the disk  %s, blocks shared with other files included\n",
            sizeText(disk_bytes).c_str());
+    const std::string passes = info.passes == 1 ? "1 pass" : std::to_string(info.passes) + " passes";
     printf("  made in      %s, %s, %s again\n", countText(info.attempts, "attempt").c_str(),
-           info.passes == 0 ? "unknown passes" : (std::to_string(info.passes) + " passes").c_str(),
+           info.passes == 0 ? "an unknown number of passes" : passes.c_str(),
            countText(info.files_again, "file").c_str());
     printf("  links put in its way were %s\n",
            info.links_blocked != 0 ? "blocked" : "not blocked: that takes the right to mount");
