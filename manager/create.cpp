@@ -47,7 +47,7 @@ class Partial {
             try {
                 monitor_.ignoreCancel();
                 store_.remove(entry_, monitor_);
-            } catch (const Failure&) {
+            } catch (...) {
                 // The next call that changes the store tries again.
             }
         }
@@ -157,7 +157,11 @@ Info Creation::run() {
     info_.whole = changes_.empty();
     info_.findings = std::move(uncovered_);
     info_.findings.insert(info_.findings.end(), changes_.begin(), changes_.end());
+    std::stable_sort(
+        info_.findings.begin(), info_.findings.end(),
+        [](const auto& one, const auto& two) { return comparePaths(one.path, two.path) < 0; });
     writeFile(partial_->fd(), INFO_FILE, partial_->path() + "/" + INFO_FILE, infoToJson(info_));
+    store_.removeLogs();
     partial_->publish();
     return std::move(info_);
 }
@@ -290,7 +294,8 @@ void Creation::compareSource(const Source& source, Listing& listing) {
         }
         const Entry& entry = listed->entry();
         if (walk.error() != 0 || entry.inode != walk.attributes().stx_ino ||
-            entry.type() != walk.type()) {
+            entry.type() != walk.type() ||
+            (entry.type() == S_IFLNK && walk.linkText() != listed->linkText())) {
             change(F2FS_SNAPSHOT_FOUND_REPLACED, listed->path(), "something else is there");
             return false;
         }

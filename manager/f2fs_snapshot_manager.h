@@ -103,7 +103,7 @@ typedef struct f2fs_snapshot_callbacks {
     void* context;
     /* At each change of phase or pass, and in between about every tenth of a second. */
     void (*progress)(void* context, const f2fs_snapshot_progress* progress);
-    /* Each log line of the snapshot library, about twelve per file, with its Android priority (4:
+    /* Each log line of the snapshot library, several per file, with its Android priority (4:
      * information, 6: error). Where the library's lines cannot be captured (Android before API 30),
      * none. */
     void (*log)(void* context, int32_t priority, const char* line);

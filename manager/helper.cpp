@@ -253,6 +253,7 @@ void Helper::report(const LibraryLog& log) {
         now.pass = log.passes;
         now.phase = F2FS_SNAPSHOT_PHASE_CHECK;
         monitor_.report();
+        monitor_.throwIfCancelled();
     }
     now.files_done = now.pass == 0 ? log.files_taken : log.files_checked;
 }

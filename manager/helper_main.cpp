@@ -96,7 +96,8 @@ bool blockLinks() {
            syscall(MOUNT_SETATTR, AT_FDCWD, "/", RECURSIVE, &attributes, sizeof attributes) == 0;
 }
 
-// As liblog declares it from API level 30 on.
+// As liblog declares it from API level 30 on. The form before, which Debian's liblog has, lacks the
+// text: the logger gets it as a second argument.
 struct LogMessage {
     size_t struct_size;
     int32_t buffer_id;
@@ -112,24 +113,38 @@ constexpr char PROBE[] = "f2fs_snapshot_helper";
 
 bool probe_seen = false;
 
-void onLog(const LogMessage* line) {
-    if (strcmp(line->message, PROBE) == 0) {
+void onText(const LogMessage* line, const char* text) {
+    if (strcmp(text, PROBE) == 0) {
         probe_seen = true;
     } else {
-        send(Message::LOG, line->priority, line->message);
+        send(Message::LOG, line->priority, text);
     }
+}
+
+void onMessage(const LogMessage* line) {
+    onText(line, line->message);
+}
+
+template <typename Function>
+Function* find(const char* name) {
+    // NOLINTNEXTLINE(google-readability-casting): dlsym's way
+    return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));
 }
 
 // Whether the library's lines are captured, those for information included.
 bool captureLog() {
-    using SetLogger = void (*)(void (*)(const LogMessage*));
-    // NOLINTNEXTLINE(google-readability-casting): dlsym's way
-    const auto set_logger =
-        reinterpret_cast<SetLogger>(dlsym(RTLD_DEFAULT, "__android_log_set_logger"));
-    if (set_logger != nullptr) {
-        set_logger(onLog);
-        __android_log_print(ANDROID_LOG_INFO, TAG, "%s", PROBE);
+    constexpr char SET_LOGGER[] = "__android_log_set_logger";
+    if (const auto set = find<void(void (*)(const LogMessage*))>(SET_LOGGER);
+        set != nullptr && find<void()>("__android_log_write_log_message") != nullptr) {
+        set(onMessage);
+    } else if (const auto set_early =
+                   find<void(void (*)(const LogMessage*, const char*))>(SET_LOGGER);
+               set_early != nullptr && find<void()>("__android_log_write_logger_data") != nullptr) {
+        set_early(onText);
+    } else {
+        return false;
     }
+    __android_log_print(ANDROID_LOG_INFO, TAG, "%s", PROBE);
     return probe_seen;
 }
 

@@ -130,18 +130,21 @@ std::string infoToJson(const Info& info) {
 }
 
 Info infoFromJson(const std::string& text, const std::string& path) {
+    int format = 0;
     try {
         const json value = json::parse(text);
-        const int format = value.at("format");
-        if (format != FORMAT) {
-            throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, path,
-                          shown(path) + " has the unknown format " + std::to_string(format) +
-                              ": a newer version has made it");
+        value.at("format").get_to(format);
+        if (format == FORMAT) {
+            return fromJson(value);
         }
-        return fromJson(value);
     } catch (const json::exception& error) {
         refuse(path, shown(error.what()));
+    } catch (const Failure& failure) {
+        refuse(path, failure.message);
     }
+    throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, path,
+                  shown(path) + " has the unknown format " + std::to_string(format) +
+                      ": a newer version has made it");
 }
 
 Info readInfo(int directory, const std::string& path, const std::string& name) {

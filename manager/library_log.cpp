@@ -29,6 +29,7 @@ void LibraryLog::add(const std::string& line, int64_t time) {
         // Of the first creation it ends the call, so that it does not matter what it is taken for.
         beginPass(time);
         unreadable = line.substr(sizeof OPEN_FAILED - 1);
+        unreadable.resize(unreadable.size() - 1);  // the newline
     } else if (beginsWith(line, "ALL file not modified")) {
         beginPass(time);  // there was no file to check
     }

@@ -105,12 +105,7 @@ UniqueFd Store::lock(Monitor& monitor) const {
     // An open file of its own: calls on one handle keep each other out, too.
     UniqueFd fd = openDirectory(fd_.get(), ".", path_);
     lockOrFail(fd.get(), LOCK_EX, path_, "another call changes the store");
-    Names names;
-    const int error = readNames(fd.get(), names);
-    if (error != 0) {
-        failSystem("read the store", path_, error);
-    }
-    for (const std::string& name : names.names) {
+    for (const std::string& name : entries()) {
         if (name[0] == '.' && (endsWith(name, ".partial") || endsWith(name, ".removed"))) {
             remove(name, monitor);
         }
@@ -118,16 +113,28 @@ UniqueFd Store::lock(Monitor& monitor) const {
     return fd;
 }
 
-std::vector<std::string> Store::names() const {
+std::vector<std::string> Store::entries() const {
     Names names;
     const int error = readNames(fd(), names);
     if (error != 0) {
         failSystem("read the store", path_, error);
     }
-    const auto is_hidden = [](const std::string& name) { return name[0] == '.'; };
-    names.names.erase(std::remove_if(names.names.begin(), names.names.end(), is_hidden),
-                      names.names.end());
     return std::move(names.names);
+}
+
+std::vector<std::string> Store::names() const {
+    std::vector<std::string> names = entries();
+    const auto is_hidden = [](const std::string& name) { return name[0] == '.'; };
+    names.erase(std::remove_if(names.begin(), names.end(), is_hidden), names.end());
+    return names;
+}
+
+void Store::removeLogs() const {
+    for (const std::string& name : entries()) {
+        if (name[0] == '.' && endsWith(name, ".log")) {
+            removeTree(fd(), name, pathOf(name), [] {});
+        }
+    }
 }
 
 UniqueFd Store::open(const std::string& name) const {

@@ -62,11 +62,15 @@ class Store {
     // Throws ERROR_BUSY while somebody has the snapshot's shared lock.
     void destroy(const std::string& name, Monitor& monitor) const;
 
+    // Removes the logs of creates that failed.
+    void removeLogs() const;
+
     // Removes an entry of the store.
     void remove(const std::string& entry, Monitor& monitor) const;
 
   private:
     void checkAccess() const;
+    std::vector<std::string> entries() const;
 
     std::string path_;
     UniqueFd fd_;
