@@ -5,8 +5,8 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 
 #include "manager/failure.h"
 
@@ -63,25 +63,32 @@ Destination::~Destination() {
 }
 
 void Destination::requireEmpty() const {
-    for (const std::string& name : namesIn(fd_.get(), path_)) {
-        if (name != PARTIAL) {
-            throw Failure(F2FS_SNAPSHOT_ERROR_EXISTS, path_ + "/" + name,
-                          "cannot restore into " + shown(path_) +
-                              ": it is not empty; name an empty or a new directory, or ask for "
-                              "existing files to be overwritten");
-        }
+    const std::vector<std::string> names = namesIn(fd_.get(), path_);
+    const bool has_partial = std::find(names.begin(), names.end(), PARTIAL) != names.end();
+    if (names.size() > (has_partial ? 1U : 0U)) {
+        throw Failure(
+            F2FS_SNAPSHOT_ERROR_EXISTS, path_,
+            "cannot restore into " + shown(path_) + ": it " +
+                (has_partial ? "has an earlier restore that was cut short" : "is not empty") +
+                "; name an empty or a new directory, or ask for existing files to be overwritten");
     }
 }
 
-PartialTree::PartialTree(const Destination& destination, Monitor& monitor)
+void Destination::removePartial(Monitor& monitor) const {
+    removeTree(fd_.get(), PARTIAL, path_ + "/" + PARTIAL, [&] { monitor.poll(); });
+}
+
+PartialTree::PartialTree(const Destination& destination)
     : destination_(destination), path_(destination.path() + "/" + PARTIAL) {
-    removeTree(destination.fd(), PARTIAL, path_, [&] { monitor.poll(); });
     if (mkdirat(destination.fd(), PARTIAL, S_IRWXU) != 0) {
         failSystem("make", path_);
     }
 }
 
 PartialTree::~PartialTree() {
+    if (is_kept_) {
+        return;
+    }
     try {
         for (const std::string& name : published_) {
             removeTree(destination_.fd(), name, destination_.path() + "/" + name, [] {});
@@ -91,6 +98,13 @@ PartialTree::~PartialTree() {
         // The failure that led here is the one to report. The next restore removes the rest.
         return;
     }
+}
+
+void PartialTree::keep() {
+    if (unlinkat(destination_.fd(), PARTIAL, AT_REMOVEDIR) != 0) {
+        failSystem("remove", path_);
+    }
+    is_kept_ = true;
 }
 
 UniqueFd PartialTree::open() const {

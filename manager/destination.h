@@ -32,8 +32,9 @@ class Destination {
     const std::string& path() const {
         return path_;
     }
-    // Throws ERROR_EXISTS. What a restore that was killed has left does not count.
+    // Throws ERROR_EXISTS. The partial tree of a restore that was killed does not count.
     void requireEmpty() const;
+    void removePartial(Monitor& monitor) const;
 
   private:
     std::string path_;
@@ -45,7 +46,7 @@ class Destination {
 // whole. Goes away with the object, and takes along what was published unless that is to be kept.
 class PartialTree {
   public:
-    PartialTree(const Destination& destination, Monitor& monitor);
+    explicit PartialTree(const Destination& destination);
     PartialTree(const PartialTree&) = delete;
     PartialTree& operator=(const PartialTree&) = delete;
     ~PartialTree();
@@ -53,14 +54,14 @@ class PartialTree {
     UniqueFd open() const;
     // Moves what is in it to the destination.
     void publish();
-    void keep() {
-        published_.clear();
-    }
+    // Ends with what was published.
+    void keep();
 
   private:
     const Destination& destination_;
     const std::string path_;
     std::vector<std::string> published_;
+    bool is_kept_ = false;
 };
 
 // Whether a path is `top` or leads to something in it.

@@ -404,8 +404,9 @@ typedef struct f2fs_snapshot_restore_options {
  *
  * Without `overwrite`, the destination must be empty or missing. The trees are made in its
  * subdirectory .f2fs_snapshot_restore.partial and appear under their names when they are whole and
- * on the disk. A failure or cancel removes all that was made. If the process is killed, the next
- * restore into this destination removes it.
+ * on the disk. A failure or cancel removes all that was made. If the process is killed, that
+ * subdirectory stays. The next restore into this destination removes it; but if trees have begun to
+ * appear, it has to be one with `overwrite`.
  *
  * With `overwrite`, directories that exist are used, and files and links that exist are replaced,
  * each in one step; nothing else is removed. An entry of another type in the way is ERROR_EXISTS,

@@ -264,12 +264,13 @@ void Restore::requireNothingInTheWay() {
 
 void Restore::run(const Destination& destination) {
     requireNothingInTheWay();
+    destination.removePartial(monitor_);
     if (overwrite_) {
         restoreInto(destination.fd(), destination.path());
         finishDirectories(destination.fd(), destination.path(), true);
         return;
     }
-    PartialTree partial(destination, monitor_);
+    PartialTree partial(destination);
     restoreInto(partial.open().get(), destination.path());
     partial.publish();
     // Not before: moving a directory needs the permission to write to it.

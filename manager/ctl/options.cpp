@@ -105,16 +105,23 @@ void describeCheck(CLI::App& app, Options& options) {
 
 void describeCreate(CLI::App& app, Options& options) {
     addSources(app, options);
-    app.add_option("--name", options.name, "The snapshot's name (default: the time in UTC)");
+    app.add_option_function<std::string>(
+           "--name",
+           [&options](const std::string& name) {
+               options.name = name;
+               options.create.name = options.name.c_str();
+           },
+           "The snapshot's name (default: the time in UTC)")
+        ->type_name("NAME");
     app.add_flag("--strict", options.strict,
                  "Fail unless the snapshot is whole and no file has two names");
     app.add_flag("--digests", options.digests, "Record SHA-256 digests of the files for verify");
     app.add_option("--attempts", options.create.attempts,
                    "How often to try while names keep changing (default: 3)")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, 100));
     app.add_option("--time-limit", options.create.time_limit,
                    "Seconds that one attempt may take (default: 3600)")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, 1000000));
     addDryRun(app, options);
 }
 
@@ -138,6 +145,11 @@ void describeShow(CLI::App& app, Options& options) {
 void describeVerify(CLI::App& app, Options& options) {
     CLI::Option* names = addNames(app, options, "The snapshots");
     app.add_flag("--all", options.all, "All snapshots of the store")->excludes(names);
+    app.final_callback([&options] {
+        if (options.names.empty() && !options.all) {
+            throw CLI::ValidationError("verify", "needs names of snapshots, or --all");
+        }
+    });
 }
 
 void describeRestore(CLI::App& app, Options& options) {

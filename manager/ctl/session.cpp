@@ -55,7 +55,6 @@ Session::Session(const Options& options, uint32_t flags)
 Owned<f2fs_snapshot_info> Session::create() {
     f2fs_snapshot_create_options options = options_.create;
     options.callbacks = callbacks();
-    options.name = options_.name.empty() ? nullptr : options_.name.c_str();
     options.strict = options_.strict ? 1 : 0;
     options.digests = options_.digests ? 1 : 0;
     const std::vector<const char*> sources = pointers(options_.sources);
