@@ -37,7 +37,7 @@ int copyData(int source, int destination) {
 }  // namespace
 
 int replaceData(int source, int destination) {
-    // Emptied first, since sharing leaves what a longer destination has beyond the source's end.
+    // FICLONE leaves the data of a longer destination behind the source's end.
     if (ftruncate(destination, 0) != 0) {
         return errno;
     }

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Giving one backing file the data of another.
+// Replaces the data of one backing file by that of another.
 #pragma once
 
 namespace emulator {
 
-// Makes destination's data and size those of source: by sharing blocks where that works, else by a
-// copy that keeps holes. On failure destination is empty. Neither is opened with O_APPEND.
+// Makes destination's data and size those of source. Both share blocks if the file system can do
+// that, else the data are copied and holes kept. On failure destination is empty; EIO: it could not
+// be emptied. Neither descriptor has O_APPEND.
 int replaceData(int source, int destination);
 
 }  // namespace emulator

@@ -6,13 +6,14 @@
 
 #include <cerrno>
 
+#include "emulator/inode.h"
 #include "snapshot/f2fs_ioctl.h"
 
 namespace emulator {
 namespace {
 
-// user attributes obey the file's mode. The driver does not, and the library marks files it made
-// with mode 0440; so the owner's access is widened for the moment of the call.
+// A user attribute obeys the mode of its file, but a mark does not: the library marks the files
+// that it made with mode 0440. So the owner gets access for the duration of the call.
 template <typename Call>
 int withOwnerAccess(const char* path, Call call) {
     struct stat attributes;
@@ -24,7 +25,7 @@ int withOwnerAccess(const char* path, Call call) {
     }
     const mode_t mode = attributes.st_mode & 07777;
     if (chmod(path, mode | S_IRUSR | S_IWUSR) != 0) {
-        return EACCES;  // not the owner; the first answer stands
+        return EACCES;  // not the owner: the first error stands
     }
     const int error = call() >= 0 ? 0 : errno;
     return chmod(path, mode) != 0 && error == 0 ? errno : error;
@@ -45,7 +46,7 @@ int loadState(Inode& inode, int fd) {
     if (error != 0 && error != ENODATA && error != ERANGE) {
         return error;
     }
-    // A record of another make counts as none: the file is then taken as modified, which is safe.
+    // A record of another size or version counts as none: the file then has no mark, which is safe.
     const bool is_own = error == 0 && size == sizeof(state) && state.version == FileState().version;
     inode.state = is_own ? state : FileState();
     return 0;
@@ -53,6 +54,7 @@ int loadState(Inode& inode, int fd) {
 
 int storeState(Inode& inode, int fd, const FileState& state) {
     const ProcPath path(fd);
+    inode.state.reset();  // unknown after a failure, which may come before or after the change
     const int error = withOwnerAccess(
         path.text, [&] { return setxattr(path.text, STATE_ATTRIBUTE, &state, sizeof(state), 0); });
     if (error == 0) {

@@ -1,16 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
-// The file system as FUSE asks for it.
+// The file system's operations, as libfuse calls them.
 #pragma once
 
 #include <fuse_lowlevel.h>
 
+#include <unordered_map>
+#include <vector>
+
+#include "emulator/inode.h"
+#include "emulator/listing.h"
+
 namespace emulator {
 
-// The operations, for fuse_session_new. The session's user data is the Volume.
-fuse_lowlevel_ops operations();
+// What the operations work on. Its address is the session's user data.
+struct Server {
+    Volume volume;
+    fuse_session* session = nullptr;
+    std::unordered_map<int, Listing> listings;  // of open directories, by descriptor
+    std::vector<char> buffer;                   // for data on the way to the kernel
+};
 
-// Serves one message through the session; what libfuse does not pass on is brought into a form
-// that it does.
-void serveMessage(fuse_session* session, const fuse_buf& message);
+// The operations, for fuse_session_new.
+fuse_lowlevel_ops operations();
 
 }  // namespace emulator

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The driver's six requests, free of FUSE.
+// The driver's six requests. Nothing here depends on FUSE.
 #pragma once
 
 #include <sys/types.h>
@@ -11,11 +11,11 @@
 
 namespace emulator {
 
-// One request as it comes in: on which open file, from which process.
+// One request: the open file that it was sent to, the calling process and the argument.
 struct Request {
     Inode& inode;
     int fd;     // the emulator's descriptor of the file
-    pid_t pid;  // whose descriptor numbers the argument speaks of; a thread id will do
+    pid_t pid;  // whose descriptor numbers the argument contains; may be a thread id
     unsigned int number;
     const void* in;
     size_t in_size;
@@ -23,10 +23,12 @@ struct Request {
     size_t out_size;
 };
 
-// Serves a request and tells how many bytes of `out` are the answer. `size_changed` is set when
-// the file's size may be another now, whatever the result.
-// ENOTTY: not one of the six, or not a regular file. EINVAL: too small a record. The other causes
-// are stated with each request in the source.
-int serveRequest(Volume& volume, const Request& request, size_t& answered, bool& size_changed);
+// Serves a request. `answered` is the number of bytes of `out` to return to the caller.
+// `size_changed` is true if the file's size may have changed, whatever the result.
+// ENOTTY: not one of the six requests, or not a regular file. EINVAL: the record is too short.
+// EROFS: the request would change a read-only volume. The source states further errors of each
+// request.
+int serveRequest(const Volume& volume, const Request& request, size_t& answered,
+                 bool& size_changed);
 
 }  // namespace emulator

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A file descriptor that is closed when its owner goes away.
+// A file descriptor that its owner closes.
 #pragma once
 
 #include <unistd.h>
@@ -42,9 +42,9 @@ class UniqueFd {
     int fd_ = -1;
 };
 
-// The path that leads to what a descriptor has open, whatever became of its name. It turns an
-// O_PATH descriptor into one for reading or writing, and stands in for the calls that have no
-// descriptor form for O_PATH (chmod, truncate, the attribute calls).
+// A path to the file that a descriptor has open, even if the file has no name any more. With it an
+// O_PATH descriptor can be opened again for reading or writing, and can be passed to calls that
+// refuse O_PATH descriptors: chmod, truncate and the attribute calls.
 struct ProcPath {
     explicit ProcPath(int fd) {
         snprintf(text, sizeof(text), "/proc/self/fd/%d", fd);

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The emulator's request handler beside a model of what it promises: the same requests succeed, and
-// all files have the state and the content that these leave them with. A descriptor that is lost
-// shows too, in the run that meets the limit.
+// The emulator's request handler. A refused request changes nothing, a served one only its own file
+// and only in its own way, no file gets data that its caller may not read, and the disk always
+// holds the state in memory. A lost descriptor shows at the limit of the run.
 #include <fcntl.h>
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <array>
-#include <cstring>
+#include <iterator>
+#include <tuple>
+#include <vector>
 
 #include "emulator/requests.h"
 #include "fuzz/fuzz.h"
@@ -15,145 +16,60 @@
 
 namespace {
 
-struct File {
-    explicit File(const char* file_name) : name(file_name) {}
+using emulator::Inode;
+using emulator::UniqueFd;
 
-    std::string name;
-    emulator::Inode* inode = nullptr;
-    int fd = -1;
-    int other_fd = -1;  // with less access
-    // What the driver promises about it.
-    std::string content;
-    uint32_t flag = 0;
-    bool is_layered = false;
-    const File* cloned_from = nullptr;
-};
+// Three files, a directory, and a secret that no descriptor can read. The process is its own
+// caller, and the backing directory its own mount.
+constexpr const char* NAMES[] = {"a", "b", "c", "directory", "secret"};
+constexpr size_t FILES = 3;
 
-struct Descriptor {
-    int fd = -1;
-    const File* readable = nullptr;
-};
-
-// Three files and a folder. The process is its own caller, and the backing folder its own mount.
 struct World {
     World() {
-        REQUIRE(emulator::openVolume(scratch.path.c_str(), volume) == 0);
-        fs::create_directory(scratch.path / "folder");
-        for (size_t i = 0; i < files.size(); ++i) {
-            File& file = files[i];
-            const std::string path = scratch.path / file.name;
-            const bool is_folder = file.name == "folder";
-            file.fd = open(path.c_str(), is_folder ? O_RDONLY : O_CREAT | O_RDWR, 0600);
-            file.other_fd = open(path.c_str(), file.name == "b" ? O_WRONLY : O_RDONLY);
+        REQUIRE(openVolume(scratch.path.c_str(), volume) == 0);
+        fs::create_directory(scratch.path / "directory");
+        for (const char* const name : NAMES) {
+            const std::string path = scratch.path / name;
+            const size_t i = inodes.size();
+            const int access = i < FILES ? O_RDWR : i == FILES ? O_RDONLY : O_WRONLY;
+            fds.emplace_back(open(path.c_str(), access | (i == FILES ? 0 : O_CREAT), 0600));
+            fds.emplace_back(open(path.c_str(), i <= FILES ? O_RDONLY : O_PATH));
+            const std::string content(i + 1, *name);
+            REQUIRE(i == FILES || write(fds[2 * i].get(), content.data(), i + 1) > 0);
             struct stat attributes = {};
-            int error = 0;
-            file.inode =
-                emulator::lookUp(volume, *volume.root, file.name.c_str(), attributes, error);
-            REQUIRE(file.inode != nullptr);
+            inodes.push_back(nullptr);
+            REQUIRE(findEntry(volume, *volume.root, name, inodes[i], attributes) == 0);
             volume.mount_device = attributes.st_dev;
-            file.content = is_folder ? "" : std::string(i + 1, 'x') + file.name;
-            REQUIRE(is_folder || write(file.fd, file.content.data(), file.content.size()) > 0);
-            descriptors[i] = {file.fd, is_folder ? nullptr : &file};
         }
-        descriptors[4] = {files[0].other_fd, &files[0]};
-        descriptors[5] = {files[1].other_fd, nullptr};  // write-only
-        descriptors[6] = {open((scratch.path / "a").c_str(), O_PATH), nullptr};
-        descriptors[7] = {memfd_create("elsewhere", 0), nullptr};
+        fds.emplace_back(memfd_create("elsewhere", 0));
+        fds.emplace_back();
     }
-    ~World() {
-        for (const File& file : files) {
-            close(file.fd);
-            close(file.other_fd);
-        }
-        close(descriptors[6].fd);
-        close(descriptors[7].fd);
-    }
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
 
     Scratch scratch;
     emulator::Volume volume;
-    std::array<File, 4> files = {File("a"), File("b"), File("c"), File("folder")};
-    std::array<Descriptor, 9> descriptors = {};  // the last one names nothing
+    std::vector<Inode*> inodes;
+    std::vector<UniqueFd> fds;  // two of each name, and two more
 };
 
-// The model: whether a whole request succeeds, and what it changes then.
-bool model(World& world, File& file, const emulator::Request& request, const uint32_t* words) {
-    const auto* named = std::find_if(
-        world.descriptors.begin(), world.descriptors.end(),
-        [&](const Descriptor& known) { return known.fd == static_cast<int>(words[0]); });
-    const File* source =
-        named != world.descriptors.end() && request.pid == getpid() ? named->readable : nullptr;
-    const bool takes_data = source != nullptr && source != &file &&
-                            (fcntl(request.fd, F_GETFL) & O_ACCMODE) != O_RDONLY;
-    bool succeeds = true;
-    switch (request.number) {
-        case F2FS_IOC_DEDUP_GET_FILE_INFO:
-            return true;
-        case F2FS_IOC_DEDUP_REVOKE:
-            file.is_layered = file.is_layered && words[0] != 0;
-            return words[0] == 0;
-        case F2FS_IOC_MODIFY_CHECK:
-            file.flag = words[1] == MODIFY_CHECK_SET ? words[0] : file.flag;
-            return words[1] == MODIFY_CHECK_SET || words[1] == MODIFY_CHECK_GET;
-        case F2FS_IOC_SNAPSHOT_PREPARE:
-            succeeds = source != nullptr && source->cloned_from == &file;
-            file.is_layered = file.is_layered || succeeds;
-            return succeeds;
-        case F2FS_IOC_CLONE_FILE:
-            succeeds = takes_data && words[1] == CLONE_FLAGS;
-            break;
-        default:
-            succeeds = takes_data && words[1] == 0 && source->is_layered;
+// The content, the flag word and whether the file is layered, as they are on the disk.
+using View = std::tuple<std::string, uint32_t, bool>;
+
+std::vector<View> viewOf(const World& world) {
+    std::vector<View> views;
+    for (size_t i = 0; i < FILES; ++i) {
+        char content[16] = {};
+        const int fd = world.fds[2 * i].get();
+        Inode fresh;
+        REQUIRE(pread(fd, content, sizeof content, 0) >= 0 && loadState(fresh, fd) == 0);
+        const auto& known = world.inodes[i]->state;
+        REQUIRE(!known ||
+                (known->flag == fresh.state->flag && known->is_layered == fresh.state->is_layered));
+        views.emplace_back(content, fresh.state->flag, fresh.state->is_layered != 0);
     }
-    if (succeeds) {
-        file.content = source->content;
-        file.flag &= ~MODIFY_CHECK_UNCHANGED;
-        file.cloned_from = request.number == F2FS_IOC_CLONE_FILE ? source : nullptr;
-    }
-    return succeeds;
+    return views;
 }
 
-// Serves a request on buffers of exactly the sizes given.
-int serve(World& world, emulator::Request request, const uint32_t* words,
-          std::vector<uint8_t>& answer) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(words);
-    const std::vector<uint8_t> in(bytes, bytes + request.in_size);
-    answer.assign(request.out_size, 0xAA);
-    request.in = in.data();
-    request.out = answer.data();
-    size_t answered = 0;
-    bool size_changed = false;
-    struct stat before = {};
-    struct stat after = {};
-    fstat(request.fd, &before);
-    const int error = serveRequest(world.volume, request, answered, size_changed);
-    fstat(request.fd, &after);
-    REQUIRE(error >= 0 && answered <= answer.size() && (error == 0 || answered == 0));
-    REQUIRE(size_changed || before.st_size == after.st_size);
-    answer.resize(answered);
-    return error;
-}
-
-void checkFile(World& world, File& file) {
-    std::string content(file.content.size() + 1, '\0');
-    const ssize_t length = pread(file.fd, content.data(), content.size(), 0);
-    REQUIRE(content.substr(0, static_cast<size_t>(length)) == file.content);
-
-    const uint32_t get[] = {0, MODIFY_CHECK_GET};
-    std::vector<uint8_t> answer;
-    emulator::Request request = {*file.inode, file.fd, 0,       F2FS_IOC_MODIFY_CHECK,
-                                 nullptr,     8,       nullptr, 8};
-    REQUIRE(serve(world, request, get, answer) == 0);
-    REQUIRE(answer.size() == 8 && memcmp(answer.data(), &file.flag, 4) == 0);
-    request.number = F2FS_IOC_DEDUP_GET_FILE_INFO;
-    REQUIRE(serve(world, request, get, answer) == 0);
-    dedup_file_info info = {};
-    REQUIRE(answer.size() == sizeof info);
-    memcpy(&info, answer.data(), sizeof info);
-    REQUIRE(info.is_layered == (file.is_layered ? 1 : 0) && info.reserved == 0);
-}
-
+using Words = uint32_t[4];  // more than any record has
 constexpr uint32_t NAMES_A_FILE = 0xF0F0F0F0;
 constexpr uint32_t USUAL[][3] = {
     {F2FS_IOC_DEDUP_REVOKE, 0, 0},
@@ -164,70 +80,73 @@ constexpr uint32_t USUAL[][3] = {
     {F2FS_IOC_SNAPSHOT_CREATE, NAMES_A_FILE, 0},
     {F2FS_IOC_SNAPSHOT_PREPARE, NAMES_A_FILE, 0},
 };
-using Words = uint32_t[4];  // more than any record has
 
 // Mostly leaves a request as it is; else puts one thing about it out of the ordinary.
 void disturb(emulator::Request& request, Words& words, int other_fd, FuzzedDataProvider& input) {
-    switch (input.ConsumeIntegralInRange(0, 15)) {
-        case 0:
-            request.number = input.ConsumeIntegral<uint32_t>();
-            break;
-        case 1:
-            words[0] = input.ConsumeIntegral<uint32_t>();
-            break;
-        case 2:
-            words[1] = input.ConsumeIntegral<uint32_t>();
-            break;
-        case 3:
-            request.in_size = input.ConsumeIntegralInRange<size_t>(0, sizeof words);
-            break;
-        case 4:
-            request.out_size = input.ConsumeIntegralInRange<size_t>(0, sizeof words);
-            break;
-        case 5:
-            request.pid = input.ConsumeIntegralInRange(-1, 100);
-            break;
-        case 6:
-            request.fd = other_fd;
-            break;
-        default:
-            break;
+    uint32_t* const numbers[] = {&request.number, &words[0], &words[1]};
+    const auto kind = input.ConsumeIntegralInRange<size_t>(0, 15);
+    if (kind < 3) {
+        *numbers[kind] = input.ConsumeIntegral<uint32_t>();
+    } else if (kind < 5) {
+        (kind == 3 ? request.in_size : request.out_size) =
+            input.ConsumeIntegralInRange<size_t>(0, sizeof words);
+    } else if (kind == 5) {
+        request.pid = input.ConsumeIntegralInRange(-1, 100);
+    } else if (kind == 6) {
+        request.fd = other_fd;
     }
 }
 
-void serveAndCompare(World& world, File& file, const emulator::Request& request,
-                     const Words& words) {
-    const bool known = std::any_of(std::begin(USUAL), std::end(USUAL),
-                                   [&](const auto& row) { return row[0] == request.number; });
-    const size_t record = _IOC_SIZE(request.number);
-    const bool is_whole =
-        ((_IOC_DIR(request.number) & _IOC_WRITE) == 0 || request.in_size >= record) &&
-        ((_IOC_DIR(request.number) & _IOC_READ) == 0 || request.out_size >= record);
-    std::vector<uint8_t> answer;
-    const int error = serve(world, request, words, answer);
-    if (!known || file.name == "folder") {
-        REQUIRE(error == ENOTTY);
-    } else if (!is_whole) {
-        REQUIRE(error == EINVAL);
+// Serves a request on buffers of exactly the sizes given. Returns whether it succeeds.
+bool serve(const World& world, emulator::Request request, const Words& words) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(words);
+    const std::vector<uint8_t> in(bytes, bytes + request.in_size);
+    std::vector<uint8_t> out(request.out_size);
+    request.in = in.data();
+    request.out = out.data();
+    size_t answered = 0;
+    bool size_changed = false;
+    const int error = serveRequest(world.volume, request, answered, size_changed);
+    REQUIRE(error >= 0 && answered <= (error == 0 ? request.out_size : 0));
+    return error == 0;
+}
+
+// What a served request may do to its file.
+void checkServed(uint32_t number, const Words& words, const std::vector<View>& all,
+                 const View& before, const View& after) {
+    const auto& [content, flag, is_layered] = after;
+    const auto is_copy = [&](const View& view) { return std::get<0>(view) == std::get<0>(after); };
+    if (number == F2FS_IOC_CLONE_FILE || number == F2FS_IOC_SNAPSHOT_CREATE) {
+        REQUIRE(std::any_of(all.begin(), all.end(), is_copy));
+        REQUIRE((flag & MODIFY_CHECK_UNCHANGED) == 0);
     } else {
-        REQUIRE((error == 0) == model(world, file, request, words));
+        const bool sets = number == F2FS_IOC_MODIFY_CHECK && words[1] == MODIFY_CHECK_SET;
+        REQUIRE(content == std::get<0>(before) && flag == (sets ? words[0] : std::get<1>(before)));
     }
-}
-
-// Picks one of a list.
-template <typename List>
-auto& pick(List& list, FuzzedDataProvider& input) {
-    return list[input.ConsumeIntegralInRange<size_t>(0, std::size(list) - 1)];
+    REQUIRE(is_layered == std::get<2>(before) ||
+            number == (is_layered ? F2FS_IOC_SNAPSHOT_PREPARE : F2FS_IOC_DEDUP_REVOKE));
 }
 
 void serveOne(World& world, FuzzedDataProvider& input) {
-    const uint32_t* usual = pick(USUAL, input);
-    File& file = pick(world.files, input);
-    const auto named = static_cast<uint32_t>(pick(world.descriptors, input).fd);
-    Words words = {usual[1] == NAMES_A_FILE ? named : usual[1], usual[2]};
-    emulator::Request request = {*file.inode, file.fd, getpid(), usual[0], nullptr, 8, nullptr, 8};
-    disturb(request, words, file.other_fd, input);
-    serveAndCompare(world, file, request, words);
+    const uint32_t* usual = USUAL[input.ConsumeIntegralInRange<size_t>(0, std::size(USUAL) - 1)];
+    const auto own = input.ConsumeIntegralInRange<size_t>(0, FILES);
+    const auto& named = world.fds[input.ConsumeIntegralInRange<size_t>(0, world.fds.size() - 1)];
+    Words words = {usual[1] == NAMES_A_FILE ? static_cast<uint32_t>(named.get()) : usual[1],
+                   usual[2]};
+    emulator::Request request = {
+        *world.inodes[own], world.fds[2 * own].get(), getpid(), usual[0], nullptr, 8, nullptr, 8};
+    disturb(request, words, world.fds[2 * own + 1].get(), input);
+    const std::vector<View> before = viewOf(world);
+    const bool is_served = serve(world, request, words);
+    const std::vector<View> after = viewOf(world);
+    REQUIRE(!is_served || own < FILES);
+    for (size_t i = 0; i < FILES; ++i) {
+        if (is_served && i == own) {
+            checkServed(request.number, words, before, before[i], after[i]);
+        } else {
+            REQUIRE(before[i] == after[i]);
+        }
+    }
 }
 
 }  // namespace
@@ -237,11 +156,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     World world;
     while (input.remaining_bytes() > 0) {
         serveOne(world, input);
-        for (File& file : world.files) {
-            if (file.name != "folder") {
-                checkFile(world, file);
-            }
-        }
     }
     return 0;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Point-in-time snapshots of directory trees on F2FS: the engine's operations.
+// Snapshots of directory trees on F2FS, each as of one instant: the engine's operations.
 //
 // Results. Every operation returns 0 on success. Any other value, positive or negative, is a
 // failure, logged where it happened under the tag "f2fs_snapshot_native":
@@ -43,8 +43,8 @@ struct file_info {
 };
 
 // Prepares every regular file of the source trees, so that CreateDirSnapshot has less to do. Each
-// file that is not layered yet is marked, cloned into an unnamed temporary file in its directory,
-// and layered over that clone. Layered files are left alone. Links and other entries are skipped.
+// file that is not layered yet is marked, its data cloned into a temporary file beside it, and the
+// file layered over that clone. Layered files are left alone. Links and other entries are skipped.
 //
 // dirpath  source directories, prepared in order; an empty list is a success
 //

@@ -18,14 +18,12 @@ void flushVerdict() {
 // Runs before main. A missing standard descriptor is replaced: the next file opened would take its
 // number, and log lines written to standard error would land in a user's photo.
 [[gnu::constructor]] void guardStandardStreams() {
-    int fd = 0;
-    do {
-        fd = open("/dev/null", O_RDWR);
-        if (fd < 0) {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        // The lowest number that is free: all below fd are taken by now.
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) {
             _exit(EXIT_FAILURE);
         }
-    } while (fd <= STDERR_FILENO);
-    close(fd);
+    }
     atexit(flushVerdict);
 }
 

@@ -6,9 +6,9 @@
 
 #include "snapshot/export.h"
 
-// Prepares and snapshots fixed directories of the device, /data/media/0/DCIM and
-// /data/media/0/Documents, with the target /data/media/0/snapshotdir_001, and destroys the
-// snapshot.
+// A trial on a device: prepares and snapshots two fixed directories, /data/media/0/DCIM and
+// /data/media/0/Documents, and destroys the snapshot. Its target is
+// /data/media/0/snapshotdir_001.
 //
 // Returns 0, or the first nonzero result; later steps are skipped then.
 extern "C" F2FS_SNAPSHOT_EXPORT int32_t default_testcase();

@@ -1,11 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
-// Calls killed before each of their system calls: a name that exists is a whole snapshot.
+// Calls killed before each of their system calls: a name that exists is a whole snapshot. And links
+// put in the way of what removes.
+#include <dlfcn.h>
 #include <sys/ptrace.h>
 
 #include <cstring>
 
 #include "tests/manager/manager_on_volume.h"
 #include "tests/trial.h"
+
+namespace {
+
+// Called before each removal in this process.
+std::function<void()> before_removal;
+
+}  // namespace
+
+// The manager's calls come here.
+extern "C" int unlinkat(int directory, const char* path, int flags) noexcept {
+    if (before_removal) {
+        before_removal();
+    }
+    static const auto next =
+        reinterpret_cast<int (*)(int, const char*, int)>(dlsym(RTLD_NEXT, "unlinkat"));
+    return next(directory, path, flags);
+}
 
 namespace {
 
@@ -96,6 +115,34 @@ TEST_F(KilledTest, Destroy) {
               ASSERT_TRUE(code == F2FS_SNAPSHOT_OK || code == F2FS_SNAPSHOT_ERROR_EXISTS) << code;
           });
     EXPECT_EQ(list(), std::vector<std::string>{"older"});
+}
+
+// Somebody who may rename in the store (it is open to its owner only) puts a link to another
+// directory in the place of a directory that is being removed.
+TEST_F(KilledTest, RemovalFollowsNoLink) {
+    makeSource();
+    fs::create_directory(at("out"));
+    size_t nth = 1;
+    for (size_t seen = nth; seen >= nth; ++nth) {
+        write(at("out/f"), "secret");
+        ASSERT_EQ(createUnlessBusy("a"), F2FS_SNAPSHOT_OK);
+        seen = 0;
+        before_removal = [&] {
+            if (++seen == nth) {
+                const std::string directory = at("store/.a.removed/snapshot") + source + "/m";
+                std::error_code missing;
+                fs::rename(directory, at("aside"), missing);
+                fs::create_symlink(at("out"), directory, missing);
+            }
+        };
+        destroy("a");
+        before_removal = nullptr;
+        EXPECT_EQ(dump(at("out")), std::vector<std::string>{"f:secret"}) << nth;
+        runProcess({"rm", "-rf", at("aside")});
+    }
+    EXPECT_GT(nth, 10U);
+    EXPECT_EQ(list(), std::vector<std::string>{"older"});
+    expectIntact("older");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a snapshot of the manager holds, and what it says of names that change while it is made.
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/xattr.h>
 
 #include <cstring>
@@ -327,6 +328,23 @@ TEST_F(CreateTest, NoLinkIsFollowed) {
         EXPECT_EQ(dump(at("out")), std::vector<std::string>{"f:secret"});
         runProcess({"rm", "-rf", at("aside")});
     }
+}
+
+// A process with few descriptors can work on deep trees. The library gets as many as may be.
+TEST_F(CreateTest, ADeepTreeNeedsFewDescriptors) {
+    inSource(
+        "mkdir -p $(printf 'd/%.0s' $(seq 300)); find . -depth -type d | head -1 >path; "
+        "printf x >$(cat path)/f");
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit low = {100, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+    const auto made = create("a");
+    EXPECT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+    EXPECT_TRUE(made.value && made.value->whole == 1 && made.value->directories == 301);
+    expectIntact("a");
+    EXPECT_EQ(destroy("a"), F2FS_SNAPSHOT_OK);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // Two calls for one store, one source, or a source within another.
