@@ -95,6 +95,23 @@ endif()
 if(F2FS_SNAPSHOT_EMULATOR)
     install_program(f2fs_emulator f2fs_emulator)
 endif()
+if(F2FS_SNAPSHOT_MANAGER)
+    file(RELATIVE_PATH library_from_program
+        ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(f2fs_snapshotctl PROPERTIES
+        BUILD_WITH_INSTALL_RPATH ON
+        INSTALL_RPATH "$ORIGIN;$ORIGIN/${library_from_program}")
+    install_program(f2fs_snapshotctl f2fs_snapshotctl)
+    if(NOT ANDROID)
+        # Debian's zsh looks into the first below /usr/local, into the second below /usr.
+        foreach(directory zsh/site-functions zsh/vendor-completions)
+            install(FILES completions/zsh/_f2fs_snapshotctl
+                    DESTINATION ${CMAKE_INSTALL_DATADIR}/${directory})
+        endforeach()
+        install(FILES completions/fish/f2fs_snapshotctl.fish
+                DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+    endif()
+endif()
 
 if(NOT ANDROID)
     install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md
