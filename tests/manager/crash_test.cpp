@@ -117,6 +117,27 @@ TEST_F(KilledTest, Destroy) {
     EXPECT_EQ(list(), std::vector<std::string>{"older"});
 }
 
+// The library's program ends with the call that it works for, and gives back the locks.
+TEST_F(KilledTest, TheHelperGoesWithItsCaller) {
+    makeSource();
+    std::atomic<pid_t> child = 0;
+    int status = -1;
+    {
+        HeldLibrary held(volume.root(), "opendir " + source + "/m", 2, [&] {
+            while (child == 0) {
+            }
+            status = endChild(child, SIGKILL);
+        });
+        child = startChild([&] { return create("killed").code; });
+        while (!held.has_acted) {
+            usleep(1000);
+        }
+    }
+    EXPECT_EQ(status, 128 + SIGKILL);
+    EXPECT_EQ(createUnlessBusy("a"), F2FS_SNAPSHOT_OK);
+    EXPECT_EQ(list(), (std::vector<std::string>{"older", "a"}));
+}
+
 // Somebody who may rename in the store (it is open to its owner only) puts a link to another
 // directory in the place of a directory that is being removed.
 TEST_F(KilledTest, RemovalFollowsNoLink) {

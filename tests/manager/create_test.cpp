@@ -2,11 +2,30 @@
 // What a snapshot of the manager holds, and what it says of names that change while it is made.
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 
 #include <cstring>
 
 #include "tests/manager/manager_on_volume.h"
+
+namespace {
+
+// Called for each look at the clock of time stamps in this process; what it returns, if not 0, is
+// the time.
+std::function<int64_t()> coarse_clock;
+
+}  // namespace
+
+// The manager's calls come here.
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    const int64_t given = clock == CLOCK_REALTIME_COARSE && coarse_clock ? coarse_clock() : 0;
+    if (given != 0) {
+        *time = {given / 1000000000, given % 1000000000};
+        return 0;
+    }
+    return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+}
 
 namespace {
 
@@ -180,6 +199,55 @@ TEST_F(CreateTest, ADirectoryThatTheLastPassCannotRead) {
     const std::vector<std::string> findings = findingsOf(*made.value, source);
     EXPECT_EQ(std::count(findings.begin(), findings.end(), "24 m"), 1)
         << testing::PrintToString(findings);
+}
+
+// Without an error, as far as the library knows.
+TEST_F(CreateTest, ADirectoryThatEndsTooEarly) {
+    inSource("mkdir m; printf old >m/c; printf old >z");
+    HeldLibrary held(volume.root(), "end " + source + "/m", 2, [] {});
+    const auto made = create("a");
+    ASSERT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+    EXPECT_EQ(findingsOf(*made.value, source), std::vector<std::string>{"24 ."});
+}
+
+// As on Android before API level 30: the check passes are known by their result only.
+TEST_F(CreateTest, WithoutTheLibrarysLog) {
+    inSource("mkdir m; printf old >m/c; printf old >z");
+    setenv("F2FS_SNAPSHOT_TEST_NO_LOG", "1", 1);
+    for (const bool is_disturbed : {false, true}) {
+        // The third reading is that of the further pass.
+        HeldLibrary held(volume.root(), "opendir " + source + "/m", is_disturbed ? 3 : 4,
+                         [&] { inSource("printf new >m/c"); });
+        const auto made = create("a");
+        ASSERT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+        EXPECT_EQ(held.has_acted, is_disturbed);
+        EXPECT_EQ(made.value->passes, 0U);
+        EXPECT_EQ(findingsOf(*made.value, source),
+                  is_disturbed ? std::vector<std::string>{"24 ."} : std::vector<std::string>());
+        EXPECT_LT(made.value->instant_earliest, made.value->instant_latest);
+        EXPECT_EQ(destroy("a"), F2FS_SNAPSHOT_OK);
+    }
+    unsetenv("F2FS_SNAPSHOT_TEST_NO_LOG");
+}
+
+// A directory that was changed in the current tick of the clock is read when the tick is over.
+TEST_F(CreateTest, TheClockTickIsWaitedOut) {
+    inSource("mkdir m");
+    int looks = 0;
+    coarse_clock = [&]() -> int64_t {
+        struct stat status = {};
+        stat((source + "/m").c_str(), &status);
+        if (++looks == 5) {
+            inSource("mkdir m/n");
+        }
+        return looks < 5 ? status.st_ctim.tv_sec * 1000000000 + status.st_ctim.tv_nsec : 0;
+    };
+    const auto made = create("a");
+    coarse_clock = nullptr;
+    ASSERT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+    EXPECT_GE(looks, 5);
+    EXPECT_EQ(findingsOf(*made.value, source), std::vector<std::string>());
+    EXPECT_EQ(dump(mirror("a")), (std::vector<std::string>{"m/", "m/n/"}));
 }
 
 // A failure removes what was made, leaves what was there, and says what to look at.

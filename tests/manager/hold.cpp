@@ -7,6 +7,7 @@
 // of any kind ends the process.
 #include <dirent.h>
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -28,18 +29,24 @@ std::string setting(const char* name) {
     return text == nullptr ? "" : text;
 }
 
+bool isNth(const std::string& call, const char* path) {
+    static const std::string wanted = setting("F2FS_SNAPSHOT_TEST_HOLD");
+    static int left = atoi(setting("F2FS_SNAPSHOT_TEST_NTH").c_str());
+    return (wanted.empty() || wanted == call + " " + path) && left > 0 && --left == 0;
+}
+
+DIR* ended = nullptr;
+
 int openPipe(const char* name, int flags) {
     const std::string path = setting("F2FS_SNAPSHOT_TEST_PIPES") + name;
     return next<int(const char*, int, ...)>("open")(path.c_str(), flags | O_CLOEXEC);
 }
 
 void before(const std::string& call, const char* path) {
-    static const std::string wanted = setting("F2FS_SNAPSHOT_TEST_HOLD");
-    static int left = atoi(setting("F2FS_SNAPSHOT_TEST_NTH").c_str());
-    if ((!wanted.empty() && wanted != call + " " + path) || left == 0 || --left > 0) {
+    if (!isNth(call, path)) {
         return;
     }
-    if (wanted.empty()) {
+    if (setting("F2FS_SNAPSHOT_TEST_HOLD").empty()) {
         raise(SIGKILL);
     }
     const int held = openPipe("/held", O_WRONLY);
@@ -71,7 +78,25 @@ int open(const char* path, int flags, ...) {
 
 DIR* opendir(const char* path) {
     before("opendir", path);
-    return next<DIR*(const char*)>("opendir")(path);
+    DIR* const stream = next<DIR*(const char*)>("opendir")(path);
+    if (!setting("F2FS_SNAPSHOT_TEST_HOLD").empty() && isNth("end", path)) {
+        ended = stream;
+    }
+    return stream;
+}
+
+dirent* readdir(DIR* stream) {
+    if (stream == ended) {
+        errno = EIO;
+        return nullptr;
+    }
+    return next<dirent*(DIR*)>("readdir")(stream);
+}
+
+void __android_log_set_logger(void* logger) {
+    if (setting("F2FS_SNAPSHOT_TEST_NO_LOG").empty()) {
+        next<void(void*)>("__android_log_set_logger")(logger);
+    }
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {

@@ -2,6 +2,7 @@
 // Calls of the manager's C interface on a mounted volume.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -166,7 +167,7 @@ class HeldLibrary {
     HeldLibrary(const HeldLibrary&) = delete;
     HeldLibrary& operator=(const HeldLibrary&) = delete;
 
-    bool has_acted = false;
+    std::atomic<bool> has_acted = false;
 
   private:
     void serve() {
