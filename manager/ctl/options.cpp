@@ -63,18 +63,19 @@ void setUp(CLI::App& app, const std::vector<Verb>& verbs, Options& options) {
 
 bool readSpan(const std::string& text, uint64_t& seconds) {
     constexpr uint64_t HOUR = 3600;
+    constexpr uint64_t DAY = 24 * HOUR;
     const auto length = [](char unit) -> uint64_t {
         switch (unit) {
             case 'h':
                 return HOUR;
             case 'd':
-                return 24 * HOUR;
+                return DAY;
             case 'w':
-                return 7 * 24 * HOUR;
+                return 7 * DAY;
             case 'm':
-                return 31 * 24 * HOUR;
+                return 31 * DAY;
             case 'y':
-                return 365 * 24 * HOUR;
+                return 365 * DAY;
             default:
                 return 0;
         }

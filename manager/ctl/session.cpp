@@ -115,6 +115,7 @@ int report(const CallFailed& failure, const Options& options, const char* verb) 
 
 std::vector<const char*> pointers(const std::vector<std::string>& words) {
     std::vector<const char*> list;
+    list.reserve(words.size());
     for (const std::string& word : words) {
         list.push_back(word.c_str());
     }

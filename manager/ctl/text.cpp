@@ -31,7 +31,8 @@ std::string sizeText(uint64_t bytes) {
     }
     double size = static_cast<double>(bytes) / 1024;
     size_t unit = 0;
-    for (; size >= 1023.95; size /= 1024) {  // which would be shown as 1024.0
+    while (size >= 1023.95) {  // which would be shown as 1024.0
+        size /= 1024;
         ++unit;
     }
     char text[32];
@@ -97,7 +98,8 @@ void printInfo(const f2fs_snapshot_info& info, uint64_t disk_bytes) {
            utcTime(info.instant_earliest).c_str(), utcTime(info.instant_latest).c_str());
     printf("  on the disk  %s, blocks shared with other files included\n",
            sizeText(disk_bytes).c_str());
-    const std::string passes = info.passes == 1 ? "1 pass" : std::to_string(info.passes) + " passes";
+    const std::string passes =
+        info.passes == 1 ? "1 pass" : std::to_string(info.passes) + " passes";
     printf("  made in      %s, %s, %s again\n", countText(info.attempts, "attempt").c_str(),
            info.passes == 0 ? "an unknown number of passes" : passes.c_str(),
            countText(info.files_again, "file").c_str());
