@@ -101,7 +101,7 @@ TEST_F(CreateTest, TheManifestRecordsTheSources) {
     ASSERT_EQ(create("a").code, F2FS_SNAPSHOT_OK);
     const std::string manifest = read(at("store/a/manifest.mtree"));
     for (const char* part :
-         {"/f time=1000000000.250000000 mode=2640 gid=34 uid=12 type=file size=3",
+         {"/f time=1000000000.250000000 mode=2640 gid=34 uid=12 inode=", " type=file size=3\n",
           "type=link link=a\\040b"}) {
         EXPECT_NE(manifest.find(part), std::string::npos) << part << "\n" << manifest;
     }
