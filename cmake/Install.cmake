@@ -21,6 +21,9 @@ set(public_headers
     snapshot/f2fs_ioctl.h
     snapshot/path_list.h
     snapshot/snapshot.h)
+if(F2FS_SNAPSHOT_MANAGER)
+    list(APPEND public_headers manager/f2fs_snapshot_manager.h)
+endif()
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/f2fs_snapshot)
 foreach(header IN LISTS public_headers)
     get_filename_component(name ${header} NAME)
@@ -35,8 +38,23 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/f2fs_snapshot)
 
 install(TARGETS f2fs_snapshot EXPORT f2fs_snapshot)
 install(FILES ${public_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/f2fs_snapshot)
+if(F2FS_SNAPSHOT_MANAGER)
+    target_include_directories(f2fs_snapshot_manager INTERFACE
+        $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    install(TARGETS f2fs_snapshot_manager EXPORT f2fs_snapshot)
+    # The program in which the manager runs the library. The manager finds it by a path from its own
+    # place, and it the library.
+    file(RELATIVE_PATH library_from_helper
+        ${CMAKE_INSTALL_FULL_LIBEXECDIR}/f2fs_snapshot ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(f2fs_snapshot_helper PROPERTIES
+        BUILD_WITH_INSTALL_RPATH ON
+        INSTALL_RPATH_USE_LINK_PATH ON
+        INSTALL_RPATH "$ORIGIN/${library_from_helper};$ORIGIN/..")
+    install(TARGETS f2fs_snapshot_helper DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/f2fs_snapshot)
+endif()
 
-# The library needs nothing else of its users, so the exported target is the whole configuration.
+# The libraries need nothing else of their users, so the exported target is the whole configuration.
 include(CMakePackageConfigHelpers)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/f2fs_snapshotConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
@@ -79,6 +97,23 @@ if(F2FS_SNAPSHOT_EMULATOR)
 endif()
 if(F2FS_SNAPSHOT_DRIVER_CHECK)
     install_program(f2fs_driver_check f2fs_driver_check)
+endif()
+if(F2FS_SNAPSHOT_MANAGER)
+    file(RELATIVE_PATH library_from_program
+        ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(f2fs_snapshotctl PROPERTIES
+        BUILD_WITH_INSTALL_RPATH ON
+        INSTALL_RPATH "$ORIGIN;$ORIGIN/${library_from_program}")
+    install_program(f2fs_snapshotctl f2fs_snapshotctl)
+    if(NOT ANDROID)
+        # Debian's zsh looks into the first below /usr/local, into the second below /usr.
+        foreach(directory zsh/site-functions zsh/vendor-completions)
+            install(FILES completions/zsh/_f2fs_snapshotctl
+                    DESTINATION ${CMAKE_INSTALL_DATADIR}/${directory})
+        endforeach()
+        install(FILES completions/fish/f2fs_snapshotctl.fish
+                DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+    endif()
 endif()
 
 if(NOT ANDROID)

@@ -47,6 +47,14 @@ use() {
     local prefix=$1 config flags
     "$prefix/bin/f2fs_snapshot" pre ""
     [[ ! -e $build/emulator/f2fs_emulator ]] || "$prefix/bin/f2fs_emulator" --version
+    if [[ -e $build/manager/f2fs_snapshotctl ]]; then
+        mkdir -m 700 "$work/store"
+        # Gets as far as the installed helper: there is no driver here.
+        "$prefix/bin/f2fs_snapshotctl" -s "$work/store" create "$work/outside" 2>"$work/errors" &&
+            exit 1
+        grep 'has no driver' "$work/errors"
+        rmdir "$work/store"
+    fi
 
     rm -rf "$work/by_cmake"
     cmake -S "$work/outside" -B "$work/by_cmake" -DCMAKE_PREFIX_PATH="$prefix"

@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+// What would become of a snapshot, before anything is changed.
+#pragma once
+
+#include "manager/sources.h"
+
+namespace manager {
+
+// name  of the snapshot that is to be made
+Report checkSources(const Store& store, const std::vector<Source>& sources, const std::string& name,
+                    Monitor& monitor);
+
+}  // namespace manager

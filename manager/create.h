@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+// Makes a generation: the library's snapshot, and the proof that names did not change around it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "manager/helper.h"
+#include "manager/results.h"
+#include "manager/store.h"
+
+namespace manager {
+
+struct CreateRequest {
+    std::vector<std::string> sources;
+    std::string name;
+    bool strict = false;
+    bool digests = false;
+    uint32_t attempts = 0;
+    std::chrono::seconds time_limit;
+    std::string helper;  // empty: as installed
+};
+
+// A name for a snapshot made now: the time in UTC.
+std::string nameOfNow();
+
+Info createSnapshot(const Store& store, const CreateRequest& request, Monitor& monitor);
+
+}  // namespace manager

@@ -1,0 +1,353 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "manager/manifest.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <fcntl.h>
+#include <linux/limits.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+
+#include "manager/failure.h"
+#include "manager/file.h"
+#include "manager/walk.h"
+
+namespace manager {
+
+namespace {
+
+constexpr int64_t SECOND = 1000000000;
+constexpr size_t DIGEST_SIZE = 32;
+
+using EntryPointer = std::unique_ptr<archive_entry, void (*)(archive_entry*)>;
+
+[[noreturn]] void failArchive(archive* archive, const std::string& path, f2fs_snapshot_code code) {
+    const char* reason = archive_error_string(archive);
+    throw Failure(code, path,
+                  (code == F2FS_SNAPSHOT_ERROR_FORMAT ? shown(path) + " is damaged: "
+                                                      : "cannot write " + shown(path) + ": ") +
+                      (reason == nullptr ? "unknown reason" : reason),
+                  archive_errno(archive));
+}
+
+EntryPointer entryOf(const Recorded& line) {
+    EntryPointer entry(archive_entry_new(), archive_entry_free);
+    if (!entry) {
+        throw std::bad_alloc();
+    }
+    archive_entry_set_pathname(entry.get(), ("." + line.path).c_str());
+    archive_entry_set_mode(entry.get(), line.mode);
+    archive_entry_set_uid(entry.get(), line.owner);
+    archive_entry_set_gid(entry.get(), line.group);
+    const int64_t rest = (line.modified % SECOND + SECOND) % SECOND;
+    archive_entry_set_mtime(entry.get(), (line.modified - rest) / SECOND, static_cast<long>(rest));
+    archive_entry_set_ino64(entry.get(), static_cast<int64_t>(line.inode));
+    archive_entry_set_nlink(entry.get(), line.names);
+    archive_entry_set_size(entry.get(), static_cast<int64_t>(line.size));
+    if (S_ISLNK(line.mode)) {
+        archive_entry_set_symlink(entry.get(), line.link.c_str());
+    }
+    return entry;
+}
+
+std::unique_ptr<archive, int (*)(archive*)> newWriter(const std::string& path, bool has_digests) {
+    std::unique_ptr<archive, int (*)(archive*)> writer(archive_write_new(), archive_write_free);
+    if (!writer) {
+        throw std::bad_alloc();
+    }
+    const char* options = has_digests ? "!all,type,mode,uid,gid,time,inode,nlink,size,link,sha256"
+                                      : "!all,type,mode,uid,gid,time,inode,nlink,size,link";
+    if (archive_write_set_format_mtree(writer.get()) != ARCHIVE_OK ||
+        archive_write_set_options(writer.get(), options) != ARCHIVE_OK) {
+        failArchive(writer.get(), path, F2FS_SNAPSHOT_ERROR_SYSTEM);
+    }
+    return writer;
+}
+
+std::unique_ptr<archive, int (*)(archive*)> newReader() {
+    std::unique_ptr<archive, int (*)(archive*)> reader(archive_read_new(), archive_read_free);
+    if (!reader) {
+        throw std::bad_alloc();
+    }
+    archive_read_support_format_mtree(reader.get());
+    return reader;
+}
+
+std::string digestIn(archive_entry* entry) {
+    const unsigned char* digest = archive_entry_digest(entry, ARCHIVE_ENTRY_DIGEST_SHA256);
+    const std::string bytes(reinterpret_cast<const char*>(digest), DIGEST_SIZE);
+    return bytes == std::string(DIGEST_SIZE, '\0') ? "" : bytes;
+}
+
+Recorded lineOf(archive_entry* entry) {
+    Recorded line;
+    const char* path = archive_entry_pathname(entry);
+    line.path = path == nullptr ? "" : path;
+    line.mode = archive_entry_mode(entry);
+    line.owner = static_cast<uint32_t>(archive_entry_uid(entry));
+    line.group = static_cast<uint32_t>(archive_entry_gid(entry));
+    line.modified = archive_entry_mtime(entry) * SECOND + archive_entry_mtime_nsec(entry);
+    line.inode = static_cast<uint64_t>(archive_entry_ino64(entry));
+    line.names = archive_entry_nlink(entry);
+    line.size = static_cast<uint64_t>(archive_entry_size(entry));
+    const char* link = archive_entry_symlink(entry);
+    line.link = link == nullptr ? "" : link;
+    line.digest = digestIn(entry);
+    return line;
+}
+
+// content  of a regular file, to be read from its start; -1: none
+void addEntry(archive* writer, const std::string& path, const Recorded& line, int content,
+              const std::function<void()>& on_progress) {
+    if (archive_write_header(writer, entryOf(line).get()) != ARCHIVE_OK) {
+        failArchive(writer, path, F2FS_SNAPSHOT_ERROR_SYSTEM);
+    }
+    if (content < 0) {
+        return;
+    }
+    std::vector<char> buffer(1 << 18);
+    off_t offset = 0;
+    for (ssize_t length; (length = pread(content, buffer.data(), buffer.size(), offset)) != 0;) {
+        if (length < 0) {
+            failSystem("read the snapshot of", line.path);
+        }
+        if (archive_write_data(writer, buffer.data(), static_cast<size_t>(length)) < 0) {
+            failArchive(writer, path, F2FS_SNAPSHOT_ERROR_SYSTEM);
+        }
+        offset += length;
+        on_progress();
+    }
+}
+
+}  // namespace
+
+ManifestWriter::ManifestWriter(int directory, const std::string& path, bool has_digests)
+    : path_(path + "/" + MANIFEST_FILE),
+      fd_(openat(directory, MANIFEST_FILE, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                 S_IRUSR | S_IWUSR)),
+      archive_(newWriter(path_, has_digests)) {
+    if (!fd_.valid()) {
+        failSystem("make", path_);
+    }
+    if (archive_write_open_fd(archive_.get(), fd_.get()) != ARCHIVE_OK) {
+        failArchive(archive_.get(), path_, F2FS_SNAPSHOT_ERROR_SYSTEM);
+    }
+}
+
+void ManifestWriter::add(const Recorded& line, int content,
+                         const std::function<void()>& on_progress) {
+    addEntry(archive_.get(), path_, line, content, on_progress);
+}
+
+void ManifestWriter::close() {
+    if (archive_write_close(archive_.get()) != ARCHIVE_OK) {
+        failArchive(archive_.get(), path_, F2FS_SNAPSHOT_ERROR_SYSTEM);
+    }
+}
+
+std::vector<Recorded> readManifest(int directory, const std::string& path) {
+    const std::string file = path + "/" + MANIFEST_FILE;
+    const UniqueFd fd(openat(directory, MANIFEST_FILE, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) {
+        throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, file,
+                      shown(file) + " is damaged: " + reasonOf(errno), errno);
+    }
+    const auto reader = newReader();
+    if (archive_read_open_fd(reader.get(), fd.get(), 1 << 16) != ARCHIVE_OK) {
+        failArchive(reader.get(), file, F2FS_SNAPSHOT_ERROR_FORMAT);
+    }
+    std::vector<Recorded> lines;
+    archive_entry* entry = nullptr;
+    int ret;
+    while ((ret = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
+        lines.push_back(lineOf(entry));
+        if (lines.back().path.compare(0, 2, "./") != 0) {
+            throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, file,
+                          shown(file) + " is damaged: a path does not begin with \"./\"");
+        }
+        lines.back().path.erase(0, 1);
+    }
+    if (ret != ARCHIVE_EOF) {
+        failArchive(reader.get(), file, F2FS_SNAPSHOT_ERROR_FORMAT);
+    }
+    std::sort(lines.begin(), lines.end(), [](const Recorded& one, const Recorded& other) {
+        return comparePaths(one.path, other.path) < 0;
+    });
+    return lines;
+}
+
+std::string digestOf(int file, uint64_t size, const std::string& path,
+                     const std::function<void()>& on_progress) {
+    // libarchive has no other way to its digests than a manifest's line.
+    char text[1024];
+    size_t used = 0;
+    const auto writer = newWriter(path, true);
+    if (archive_write_open_memory(writer.get(), text, sizeof text, &used) != ARCHIVE_OK) {
+        failArchive(writer.get(), path, F2FS_SNAPSHOT_ERROR_INTERNAL);
+    }
+    Recorded line;
+    line.path = "/file";
+    line.mode = S_IFREG;
+    line.size = size;
+    addEntry(writer.get(), path, line, file, on_progress);
+    if (archive_write_close(writer.get()) != ARCHIVE_OK) {
+        failArchive(writer.get(), path, F2FS_SNAPSHOT_ERROR_INTERNAL);
+    }
+    const auto reader = newReader();
+    archive_entry* entry = nullptr;
+    if (archive_read_open_memory(reader.get(), text, used) != ARCHIVE_OK ||
+        archive_read_next_header(reader.get(), &entry) != ARCHIVE_OK) {
+        failArchive(reader.get(), path, F2FS_SNAPSHOT_ERROR_INTERNAL);
+    }
+    std::string digest = digestIn(entry);
+    if (digest.empty()) {
+        throw Failure(F2FS_SNAPSHOT_ERROR_UNSUPPORTED, path,
+                      "the libarchive of this system was built without SHA-256");
+    }
+    return digest;
+}
+
+namespace {
+
+std::string escapedForDump(const std::string& text, bool is_name) {
+    std::string escaped;
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (character == '\\' || character == '\n' || character == '\r' ||
+            (is_name && character == '=')) {
+            char octal[5];
+            snprintf(octal, sizeof octal, "\\%03o", byte);
+            escaped += octal;
+        } else {
+            escaped += character;
+        }
+    }
+    return escaped;
+}
+
+// Undoes the above; false: not of that form.
+bool unescapeDump(const std::string& text, std::string& plain) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            plain += text[i];
+            continue;
+        }
+        unsigned value = 0;
+        for (size_t digit = 1; digit <= 3; ++digit) {
+            if (i + digit >= text.size() || text[i + digit] < '0' || text[i + digit] > '7') {
+                return false;
+            }
+            value = value * 8 + static_cast<unsigned>(text[i + digit] - '0');
+        }
+        plain += static_cast<char>(value);
+        i += 3;
+    }
+    return true;
+}
+
+// "0x616263" to "abc"; false: not of that form.
+bool fromHex(const std::string& text, std::string& bytes) {
+    if (text.compare(0, 2, "0x") != 0 || text.size() % 2 != 0) {
+        return false;
+    }
+    const auto digit = [](char c) {
+        return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    };
+    for (size_t i = 2; i < text.size(); i += 2) {
+        const int high = digit(text[i]);
+        const int low = digit(text[i + 1]);
+        if (high < 0 || low < 0) {
+            return false;
+        }
+        bytes += static_cast<char>(high * 16 + low);
+    }
+    return true;
+}
+
+std::string toHex(const std::string& bytes) {
+    std::string text = "0x";
+    for (const char byte : bytes) {
+        text += "0123456789abcdef"[static_cast<unsigned char>(byte) >> 4];
+        text += "0123456789abcdef"[byte & 0xF];
+    }
+    return text;
+}
+
+// The value of an attribute; false: it is gone.
+bool readAttribute(const std::string& place, const char* name, std::string& value) {
+    value.resize(XATTR_SIZE_MAX);
+    const ssize_t length = lgetxattr(place.c_str(), name, value.data(), value.size());
+    value.resize(length < 0 ? 0 : static_cast<size_t>(length));
+    return length >= 0;
+}
+
+}  // namespace
+
+void collectAttributes(int parent, const char* name, const std::string& path,
+                       Attributes& attributes) {
+    // There is no form of these calls with a directory's descriptor.
+    const std::string place = procPath(parent) + "/" + name;
+    char names[XATTR_LIST_MAX];
+    const ssize_t size = llistxattr(place.c_str(), names, sizeof names);
+    for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
+        std::string value;
+        if (strcmp(names + at, "security.selinux") != 0 &&
+            readAttribute(place, names + at, value)) {
+            attributes[path][names + at] = value;
+        }
+    }
+}
+
+void writeAttributes(int directory, const std::string& path, const Attributes& attributes) {
+    if (attributes.empty()) {
+        return;
+    }
+    std::string text;
+    for (const auto& [file, values] : attributes) {
+        text += "# file: " + escapedForDump("." + file, false) + "\n";
+        for (const auto& [name, value] : values) {
+            text += escapedForDump(name, true) + "=" + toHex(value) + "\n";
+        }
+        text += "\n";
+    }
+    writeFile(directory, ATTRIBUTES_FILE, path + "/" + ATTRIBUTES_FILE, text);
+}
+
+Attributes readAttributes(int directory, const std::string& path) {
+    const std::string file = path + "/" + ATTRIBUTES_FILE;
+    Attributes attributes;
+    struct statx ignored = {};
+    if (attributesOf(directory, ATTRIBUTES_FILE, ignored) == ENOENT) {
+        return attributes;
+    }
+    constexpr char START[] = "# file: .";
+    constexpr size_t START_LENGTH = sizeof START - 1;
+    std::istringstream lines(readFile(directory, ATTRIBUTES_FILE, file));
+    std::map<std::string, std::string>* values = nullptr;
+    for (std::string line; std::getline(lines, line);) {
+        std::string name;
+        std::string value;
+        const size_t split = line.find('=');
+        if (line.empty()) {
+            values = nullptr;
+        } else if (line.compare(0, START_LENGTH, START) == 0 &&
+                   unescapeDump(line.substr(START_LENGTH), name)) {
+            values = &attributes[name];
+        } else if (values != nullptr && split != std::string::npos &&
+                   unescapeDump(line.substr(0, split), name) &&
+                   fromHex(line.substr(split + 1), value)) {
+            (*values)[name] = value;
+        } else {
+            throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, file,
+                          shown(file) + " is damaged at \"" + shown(line.substr(0, 80)) + "\"");
+        }
+    }
+    return attributes;
+}
+
+}  // namespace manager

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+// The directories that a call snapshots: opened, held apart, and looked at.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "manager/results.h"
+#include "manager/store.h"
+#include "manager/walk.h"
+
+namespace manager {
+
+struct Source {
+    std::string path;  // absolute, without links
+    UniqueFd fd;
+    struct statx identity;
+};
+
+// Opens the directories. Throws ERROR_SOURCE for one that no snapshot of this store can have.
+std::vector<Source> openSources(const Store& store, const std::vector<std::string>& paths);
+
+// Locks the sources against other calls for them, for directories below them and above them.
+// Returns the descriptors that hold the locks. Throws ERROR_BUSY.
+std::vector<UniqueFd> lockSources(const std::vector<Source>& sources);
+
+// Opens a source once more by its path, which leads to another directory if it was moved.
+UniqueFd reopenSource(const Source& source);
+
+// The path below which the library mirrors the sources of a snapshot in the making.
+std::string mirrorRoot(const Store& store, const std::string& name);
+
+// What the library cannot snapshot, and what no snapshot covers. Judges the entries of all sources,
+// and keeps what it finds.
+class Rules {
+  public:
+    // name  of the snapshot to be made
+    Rules(const Store& store, const std::vector<Source>& sources, const std::string& name);
+
+    // Judges the current entry of a walk over a source. Returns whether to go on below it.
+    bool judge(const TreeWalk& walk);
+
+    // Adds what was found.
+    void add(f2fs_snapshot_finding_kind kind, const std::string& path, const std::string& why,
+             int error = 0);
+    // All findings, in the order of their paths.
+    std::vector<Finding> take();
+
+  private:
+    void judgeFile(const TreeWalk& walk);
+    void judgeDirectory(const TreeWalk& walk);
+    bool isOnOtherMount(const TreeWalk& walk) const;
+
+    const Store& store_;
+    const std::vector<Source>& sources_;
+    const size_t root_length_;
+    size_t max_depth_;
+    std::vector<Finding> findings_;
+    std::vector<std::pair<uint64_t, std::string>> linked_;  // inode and path of files with names
+};
+
+// Whether the store's volume has the requests of the driver: 0, or the errno value of the first
+// one.
+int probeDriver(const Store& store);
+
+// Whether a file can be snapshotted: opens it as the library does. Adds what is wrong to the rules.
+void tryFile(const TreeWalk& walk, Rules& rules);
+
+}  // namespace manager

@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: Apache-2.0
+// Calls killed before each of their system calls: a name that exists is a whole snapshot. And links
+// put in the way of what removes.
+#include <dlfcn.h>
+#include <sys/ptrace.h>
+
+#include <cstring>
+
+#include "tests/manager/manager_on_volume.h"
+#include "tests/trial.h"
+
+namespace {
+
+// Called before each removal in this process.
+std::function<void()> before_removal;
+
+}  // namespace
+
+// The manager's calls come here.
+extern "C" int unlinkat(int directory, const char* path, int flags) noexcept {
+    if (before_removal) {
+        before_removal();
+    }
+    static const auto next =
+        reinterpret_cast<int (*)(int, const char*, int)>(dlsym(RTLD_NEXT, "unlinkat"));
+    return next(directory, path, flags);
+}
+
+namespace {
+
+class KilledTest : public ManagerOnVolume {
+  protected:
+    // Runs a call in a process of its own and kills that before its nth system call. Returns how
+    // many it got to do, or 0 if it ended before.
+    static size_t runAndKill(const std::function<int32_t()>& call, size_t nth) {
+        const pid_t child = startChild([&] {
+            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+            raise(SIGSTOP);
+            return call();
+        });
+        int status = 0;
+        waitpid(child, &status, 0);
+        ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+        int signal = 0;
+        // Each system call stops twice, at its start and at its end.
+        for (size_t stops = 0; stops + 1 < 2 * nth;) {
+            ptrace(PTRACE_SYSCALL, child, nullptr, signal);
+            waitpid(child, &status, 0);
+            if (!WIFSTOPPED(status)) {
+                EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+                return 0;
+            }
+            signal = WSTOPSIG(status) & ~0x80;
+            stops += signal == SIGTRAP ? 1 : 0;
+            signal = signal == SIGTRAP ? 0 : signal;
+        }
+        EXPECT_EQ(endChild(child, SIGKILL), 128 + SIGKILL);
+        return nth;
+    }
+    // The store's lock is free once the helper of the killed call has ended, too.
+    int32_t createUnlessBusy(const std::string& name) const {
+        for (;;) {
+            const int32_t code = create(name).code;
+            if (code != F2FS_SNAPSHOT_ERROR_BUSY) {
+                return code;
+            }
+        }
+    }
+    // Kills the call before one of its system calls after the other. After each, every snapshot is
+    // whole, the next create removes what the call has left, and the source is as it was.
+    void sweep(const std::function<int32_t()>& call, const std::function<void()>& prepare) {
+        const std::vector<std::string> before = dump(source);
+        const auto step = static_cast<size_t>(rounds(7, 1));
+        size_t killed = 0;
+        for (size_t nth = 1;; nth += step) {
+            prepare();
+            if (runAndKill(call, nth) == 0 || HasFailure()) {
+                break;
+            }
+            ++killed;
+            ASSERT_EQ(createUnlessBusy("next"), F2FS_SNAPSHOT_OK) << nth;
+            for (const std::string& name : list()) {
+                expectIntact(name);
+                EXPECT_EQ(dump(mirror(name)), before) << name << " " << nth;
+            }
+            EXPECT_EQ(leftovers(), "") << nth;
+            EXPECT_EQ(dump(source), before) << nth;
+            EXPECT_EQ(destroy("next"), F2FS_SNAPSHOT_OK);
+        }
+        EXPECT_GT(killed, 10U);
+        std::cout << killed << " calls killed" << std::endl;
+    }
+    void makeSource() const {
+        fs::create_directory(source + "/m");
+        write(source + "/m/f", "content");
+        write(source + "/g", std::string(5000, 'g'));
+        fs::create_symlink("g", source + "/l");
+        ASSERT_EQ(create("older").code, F2FS_SNAPSHOT_OK);
+    }
+};
+
+TEST_F(KilledTest, Create) {
+    makeSource();
+    f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
+    options.digests = 1;
+    sweep([&] { return create("killed", options, {source}).code; }, [&] { destroy("killed"); });
+    EXPECT_EQ(list(), (std::vector<std::string>{"older", "killed"}));
+}
+
+TEST_F(KilledTest, Destroy) {
+    makeSource();
+    sweep([&] { return destroy("killed"); },
+          [&] {
+              const int32_t code = create("killed").code;
+              ASSERT_TRUE(code == F2FS_SNAPSHOT_OK || code == F2FS_SNAPSHOT_ERROR_EXISTS) << code;
+          });
+    EXPECT_EQ(list(), std::vector<std::string>{"older"});
+}
+
+// The library's program ends with the call that it works for, and gives back the locks.
+TEST_F(KilledTest, TheHelperGoesWithItsCaller) {
+    makeSource();
+    std::atomic<pid_t> child = 0;
+    int status = -1;
+    {
+        HeldLibrary held(volume.root(), "opendir " + source + "/m", 2, [&] {
+            while (child == 0) {
+            }
+            status = endChild(child, SIGKILL);
+        });
+        child = startChild([&] { return create("killed").code; });
+        while (!held.has_acted) {
+            usleep(1000);
+        }
+    }
+    EXPECT_EQ(status, 128 + SIGKILL);
+    EXPECT_EQ(createUnlessBusy("a"), F2FS_SNAPSHOT_OK);
+    EXPECT_EQ(list(), (std::vector<std::string>{"older", "a"}));
+}
+
+// Somebody who may rename in the store (it is open to its owner only) puts a link to another
+// directory in the place of a directory that is being removed.
+TEST_F(KilledTest, RemovalFollowsNoLink) {
+    makeSource();
+    fs::create_directory(at("out"));
+    size_t nth = 1;
+    for (size_t seen = nth; seen >= nth; ++nth) {
+        write(at("out/f"), "secret");
+        ASSERT_EQ(createUnlessBusy("a"), F2FS_SNAPSHOT_OK);
+        seen = 0;
+        before_removal = [&] {
+            if (++seen == nth) {
+                const std::string directory = at("store/.a.removed/snapshot") + source + "/m";
+                std::error_code missing;
+                fs::rename(directory, at("aside"), missing);
+                fs::create_symlink(at("out"), directory, missing);
+            }
+        };
+        destroy("a");
+        before_removal = nullptr;
+        EXPECT_EQ(dump(at("out")), std::vector<std::string>{"f:secret"}) << nth;
+        runProcess({"rm", "-rf", at("aside")});
+    }
+    EXPECT_GT(nth, 10U);
+    EXPECT_EQ(list(), std::vector<std::string>{"older"});
+    expectIntact("older");
+}
+
+}  // namespace

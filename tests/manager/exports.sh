@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Compares what the manager's library exports with what its header declares: each has the other.
+#
+# usage: exports.sh LIBRARY HEADER
+set -euo pipefail
+
+mapfile -t declared < <(tr '\n' ' ' <"$2" | grep -oE 'F2FS_SNAPSHOT_MANAGER_API [^(]*\(' |
+    grep -oE 'f2fs_snapshot_[a-z_]+\(' | tr -d '(' | LC_ALL=C sort)
+exported=$(nm -D --defined-only "$1" | sed -n 's/^[^ ]* T //p' | LC_ALL=C sort)
+diff <(printf '%s@@F2FS_SNAPSHOT_MANAGER_1.0\n' "${declared[@]}") <(printf '%s\n' "$exported")

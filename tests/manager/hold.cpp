@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+// Preloaded into f2fs_snapshot_helper: holds the library at one call until the test has acted, or
+// ends it there.
+//
+// F2FS_SNAPSHOT_TEST_HOLD="CALL PATH" names the call, F2FS_SNAPSHOT_TEST_NTH which one of them
+// (from 1), F2FS_SNAPSHOT_TEST_PIPES two pipes, DIR/held and DIR/go. Without a call, the nth call
+// of any kind ends the process.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+std::string setting(const char* name) {
+    const char* text = getenv(name);
+    return text == nullptr ? "" : text;
+}
+
+bool isNth(const std::string& call, const char* path) {
+    static const std::string wanted = setting("F2FS_SNAPSHOT_TEST_HOLD");
+    static int left = atoi(setting("F2FS_SNAPSHOT_TEST_NTH").c_str());
+    return (wanted.empty() || wanted == call + " " + path) && left > 0 && --left == 0;
+}
+
+DIR* ended = nullptr;
+
+int openPipe(const char* name, int flags) {
+    const std::string path = setting("F2FS_SNAPSHOT_TEST_PIPES") + name;
+    return next<int(const char*, int, ...)>("open")(path.c_str(), flags | O_CLOEXEC);
+}
+
+void before(const std::string& call, const char* path) {
+    if (!isNth(call, path)) {
+        return;
+    }
+    if (setting("F2FS_SNAPSHOT_TEST_HOLD").empty()) {
+        raise(SIGKILL);
+    }
+    const int held = openPipe("/held", O_WRONLY);
+    const int go = openPipe("/go", O_RDONLY);
+    char byte = 0;
+    const bool is_told = write(held, &byte, 1) == 1 && read(go, &byte, 1) == 1;
+    close(held);
+    close(go);
+    if (!is_told) {
+        abort();
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    before((flags & O_CREAT) != 0            ? "create"
+           : (flags & O_ACCMODE) == O_RDONLY ? "read"
+                                             : "open",
+           path);
+    return next<int(const char*, int, ...)>("open")(path, flags, mode);
+}
+
+DIR* opendir(const char* path) {
+    before("opendir", path);
+    DIR* const stream = next<DIR*(const char*)>("opendir")(path);
+    if (!setting("F2FS_SNAPSHOT_TEST_HOLD").empty() && isNth("end", path)) {
+        ended = stream;
+    }
+    return stream;
+}
+
+dirent* readdir(DIR* stream) {
+    if (stream == ended) {
+        errno = EIO;
+        return nullptr;
+    }
+    return next<dirent*(DIR*)>("readdir")(stream);
+}
+
+void __android_log_set_logger(void* logger) {
+    if (setting("F2FS_SNAPSHOT_TEST_NO_LOG").empty()) {
+        next<void(void*)>("__android_log_set_logger")(logger);
+    }
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+    before("mkdir", path);
+    return next<int(const char*, mode_t)>("mkdir")(path, mode);
+}
+
+int unlink(const char* path) noexcept {
+    before("unlink", path);
+    return next<int(const char*)>("unlink")(path);
+}
+
+}  // extern "C"
