@@ -95,6 +95,9 @@ endif()
 if(F2FS_SNAPSHOT_EMULATOR)
     install_program(f2fs_emulator f2fs_emulator)
 endif()
+if(F2FS_SNAPSHOT_DRIVER_CHECK)
+    install_program(f2fs_driver_check f2fs_driver_check)
+endif()
 
 if(NOT ANDROID)
     install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md

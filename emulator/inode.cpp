@@ -147,7 +147,7 @@ void forget(Volume& volume, Inode& inode, uint64_t count) {
 int openInode(const Volume& volume, const Inode& inode, int flags, UniqueFd& opened) {
     UniqueFd entry;
     if (!inode.fd.valid()) {
-        struct stat attributes;
+        struct stat attributes = {};
         const char* const name = inode.name.c_str();
         if (const int error = openEntry(volume, *inode.directory, name, entry, attributes)) {
             return error;

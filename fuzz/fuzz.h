@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
         }                                                                                 \
     } while (false)
 
-// A folder that is gone with the object.
+// A directory that is removed with the object.
 struct Scratch {
     Scratch() {
         std::string name = fs::temp_directory_path() / "f2fs_snapshot_fuzz.XXXXXX";

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// checkPathRegulate and mkdirsLoop: an accepted path is made whole or not, and never elsewhere.
+// The path routines: a list is split at its delimiters, and an accepted path is made as a whole or
+// not, and never elsewhere.
 #include "fuzz/fuzz.h"
 #include "tool/paths.h"
 
 namespace {
 
-// "..": a step up when something follows it.
+// Whether something follows a "..".
 bool climbs(const fs::path& path) {
     for (auto part = path.begin(); part != path.end(); ++part) {
         if (*part == ".." && std::next(part) != path.end()) {
@@ -13,6 +14,24 @@ bool climbs(const fs::path& path) {
         }
     }
     return false;
+}
+
+// The pieces are the text between the runs of delimiters, in order.
+void split(const std::string& text, char delimiter) {
+    std::vector<std::string> pieces = {"kept"};
+    splitDirsString(text, delimiter, pieces);
+    std::string joined;
+    for (size_t i = 1; i < pieces.size(); ++i) {
+        REQUIRE(!pieces[i].empty() && pieces[i].find(delimiter) == std::string::npos);
+        joined += pieces[i] + delimiter;
+    }
+    std::string squeezed;
+    for (const char byte : text + delimiter) {
+        if (byte != delimiter || (!squeezed.empty() && squeezed.back() != delimiter)) {
+            squeezed += byte;
+        }
+    }
+    REQUIRE(pieces[0] == "kept" && joined == squeezed);
 }
 
 }  // namespace
@@ -26,6 +45,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     umask(0);
 
     const std::string text(data, data + size);
+    split(text, text.empty() ? ';' : text.back());
     const std::string path = inside.string() + "/" + text.substr(0, text.find('\0'));
     const bool accepted = checkPathRegulate(path);
     REQUIRE(accepted == !climbs(path));
@@ -33,7 +53,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const int32_t ret = mkdirsLoop(path.c_str());
         struct stat path_stat = {};
         REQUIRE(ret == (stat(path.c_str(), &path_stat) == 0 ? 0 : -1));
-        // One folder inside the other, and nothing beside them.
+        // One directory inside the other, and nothing beside them.
         fs::path below = scratch.path;
         for (const auto& entry : fs::recursive_directory_iterator(scratch.path)) {
             if (entry.is_directory()) {

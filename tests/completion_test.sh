@@ -15,8 +15,10 @@ cat >"$work/rc" <<END
 PS1=
 source "$completions/f2fs_snapshot"
 source "$completions/f2fs_emulator"
+source "$completions/f2fs_driver_check"
 f2fs_snapshot() { printf '<%s>' "\$@"; echo; }
 f2fs_emulator() { f2fs_snapshot "\$@"; }
+f2fs_driver_check() { [[ \$* != --list ]] && f2fs_snapshot "\$@" || printf '%s\n' mark.placed mark.race; }
 END
 
 line() {
@@ -34,6 +36,9 @@ line 'f2fs_snapshot create DCIM "x;My\t"' '<create><DCIM><x;My>'
 line 'f2fs_snapshot testcase DC\t' '<testcase><DC>'
 line 'f2fs_emulator --v\t' '<--version>'
 line 'f2fs_emulator -f DC\t Mu\t' '<-f><DCIM/><Music/>'
+line 'f2fs_driver_check --kt\t DC\t' '<--ktap><DCIM/>'
+line 'f2fs_driver_check --stage=a\t DC\t' '<--stage=after><DCIM/>'
+line 'f2fs_driver_check --only mark.p\t DC\t' '<--only><mark.placed><DCIM/>'
 line 'f2fs_emulator -o DC\t' '<-o><DC>'
 
 cd "$work"

@@ -5,13 +5,11 @@
 
 #include <utility>
 
-#include "tests/process.h"
-#include "tests/test_tree.h"
+#ifndef F2FS_EMULATOR_PATH
+#define F2FS_EMULATOR_PATH ""
+#endif
 
-EmulatorMount::EmulatorMount() {
-    std::string name = fs::temp_directory_path() / "f2fs_emulator.XXXXXX";
-    EXPECT_NE(mkdtemp(name.data()), nullptr);
-    root_ = fs::canonical(name);
+EmulatorMount::EmulatorMount() : root_(makeDirectory(fs::temp_directory_path())) {
     fs::create_directory(backing());
     fs::create_directory(mount());
 }
@@ -29,7 +27,12 @@ bool EmulatorMount::start() {
                        open("errors", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     };
     pid_ = startChild(daemon, SIGTERM);  // a test that crashes leaves no mount behind either
-    while (runProcess({"mountpoint", "-q", mount()}).status != 0) {
+    const auto device_of = [](const fs::path& path) {
+        struct stat path_stat = {};
+        return stat(path.c_str(), &path_stat) == 0 ? path_stat.st_dev : 0;
+    };
+    while (device_of(mount()) == device_of(root_)) {
+        usleep(1000);
         if (waitpid(pid_, nullptr, WNOHANG) != 0) {
             pid_ = -1;
             return false;
@@ -47,13 +50,16 @@ int EmulatorMount::stop(int signal) {
 }
 
 std::string EmulatorMount::errors() const {
-    // That line comes at each start where the temporary folder's file system cannot do better.
+    // That line comes at each start where the temporary directory's file system cannot do better.
     return runProcess({"grep", "-v", "cannot share blocks, so snapshots are plain copies$",
                        root_ / "errors"})
         .out;
 }
 
 void EmulatedVolume::SetUp() {
+    if (*F2FS_EMULATOR_PATH == '\0') {
+        GTEST_SKIP() << "this build has no emulator, and F2FS_SNAPSHOT_TEST_VOLUME names no volume";
+    }
     // Without the emulator, so that its own failure to mount is a failure of the test.
     static const Outcome trial = runProcess({"sh", "-c", R"(
         [ -w /dev/fuse ] || { ls -l /dev/fuse >&2; exit 1; }
@@ -62,11 +68,49 @@ void EmulatedVolume::SetUp() {
     if (trial.status != 0) {
         GTEST_SKIP() << "volumes cannot be mounted here: " << trial.err;
     }
-    umask(022);  // modes are compared
+    umask(022);
     ASSERT_TRUE(volume.start()) << volume.errors();
 }
 
 void EmulatedVolume::TearDown() {
     EXPECT_EQ(volume.stop(SIGTERM), 0);
     EXPECT_EQ(volume.errors(), "");
+}
+
+void VolumeTest::SetUp() {
+    umask(022);  // modes are compared
+    if (isEmulated()) {
+        EmulatedVolume::SetUp();
+    }
+    if (!IsSkipped()) {
+        fs::create_directory(source);
+    }
+}
+
+void VolumeTest::TearDown() {
+    if (isEmulated()) {
+        EmulatedVolume::TearDown();
+    } else {
+        fs::current_path("/");
+        fs::remove_all(top);
+    }
+}
+
+int VolumeTest::run(const std::string& command) {
+    std::vector<std::string> words = {F2FS_SNAPSHOT_TOOL_PATH, command};
+    if (command != "destroy") {
+        words.push_back(source);
+    }
+    if (command != "pre") {
+        words.push_back(target);
+    }
+    const Outcome outcome = runProcess(words);
+    log = outcome.err;
+    EXPECT_EQ(outcome.out == "execute sucess\n", outcome.status == 0) << outcome.out << log;
+    return outcome.status;
+}
+
+void VolumeTest::expectDestroy() {
+    EXPECT_EQ(run("destroy"), 0) << log;
+    EXPECT_TRUE(fs::is_empty(target));
 }

@@ -1,25 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// A volume of the driver emulator for tests: a private folder, mounted below a temporary folder by
-// a daemon of its own, gone with the object whatever became of the test.
+// Volumes for tests: one of the driver emulator, mounted below a temporary directory and gone with
+// the object whatever became of the test, or the given one.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/types.h>
-
-#include <filesystem>
-#include <string>
+#include "tests/helpers.h"
 
 class EmulatorMount {
   public:
-    // Makes the folders. Nothing is mounted before start.
+    // Makes the directories. Nothing is mounted before start.
     EmulatorMount();
     ~EmulatorMount();
     EmulatorMount(const EmulatorMount&) = delete;
     EmulatorMount& operator=(const EmulatorMount&) = delete;
 
-    // Starts the daemon, in the foreground, and waits until it serves. False: it did not; errors()
-    // tells.
+    // Starts the daemon, in the foreground, and waits until it serves. False: it does not; errors()
+    // tells why.
     bool start();
     // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status or 128
     // + the signal that killed it; 0 when there is none. SIGKILL frees the mount point as well.
@@ -28,27 +23,27 @@ class EmulatorMount {
         stop(SIGKILL);
     }
 
-    const std::filesystem::path& root() const {
+    const fs::path& root() const {
         return root_;
     }
-    std::filesystem::path backing() const {
+    fs::path backing() const {
         return root_ / "backing";
     }
-    std::filesystem::path mount() const {
+    fs::path mount() const {
         return root_ / "mount";
     }
     pid_t pid() const {
         return pid_;
     }
-    // What the daemons of this volume complained of so far.
+    // The complaints of this volume's daemons so far.
     std::string errors() const;
 
   private:
-    std::filesystem::path root_;
+    fs::path root_;
     pid_t pid_ = -1;
 };
 
-// A test on a mounted volume; skipped, with the reason, where there can be none.
+// A test on a mounted emulator; skipped, with the reason, where nothing can be mounted.
 class EmulatedVolume : public testing::Test {
   protected:
     void SetUp() override;
@@ -60,4 +55,33 @@ class EmulatedVolume : public testing::Test {
     }
 
     EmulatorMount volume;
+};
+
+// A test of library and tool in an empty directory of a volume with snapshot requests: the volume
+// of F2FS_SNAPSHOT_TEST_VOLUME or, without it, a mounted emulator.
+class VolumeTest : public EmulatedVolume {
+  protected:
+    // Makes the source, an empty directory. The target does not exist.
+    void SetUp() override;
+    void TearDown() override;
+
+    static bool isEmulated() {
+        return givenVolume() == nullptr;
+    }
+    std::string at(const std::string& path) const {
+        return (top / path).string();
+    }
+    // Runs the tool's pre, create or destroy with source and target. Returns its exit status and
+    // keeps its log.
+    int run(const std::string& command);
+    void expectDestroy();
+    // Where the source's snapshot is.
+    std::string mirror() const {
+        return target + "/snapshot" + source;
+    }
+
+    const fs::path top = isEmulated() ? volume.mount() : makeDirectory(givenVolume());
+    std::string source = at("source");
+    std::string target = at("target");
+    std::string log;
 };

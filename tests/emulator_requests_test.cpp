@@ -16,7 +16,7 @@
 
 #include "emulator/requests.h"
 #include "snapshot/f2fs_ioctl.h"
-#include "tests/test_tree.h"
+#include "tests/helpers.h"
 
 namespace {
 

@@ -13,13 +13,15 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
 
 #include "emulator/unique_fd.h"
 #include "snapshot/f2fs_ioctl.h"
 #include "snapshot/snapshot.h"
 #include "tests/emulator_mount.h"
-#include "tests/process.h"
-#include "tests/test_tree.h"
+#include "tests/helpers.h"
 
 namespace {
 
@@ -268,6 +270,9 @@ TEST_F(EmulatorTest, KnowsManyFilesWithoutDescriptorsAndListsThemWhileTheyGo) {
     EXPECT_TRUE(readdir(dir) != nullptr && readdir(dir) != nullptr);  // "." and ".."
     EXPECT_EQ(readdir(dir), nullptr);
     closedir(dir);
+    dirs.clear();
+    EXPECT_TRUE(openAt("last", O_CREAT).valid());  // served after the directories were closed
+    EXPECT_LT(std::stoi(shell(count)), before + 10);
 }
 
 // What is done to "file", open as `fd`, and its flag afterwards.
@@ -318,7 +323,7 @@ TEST_F(EmulatorTest, ChangesOfDataClearTheMarkAndNothingElseDoes) {
     // changes.
     ASSERT_EQ(check("file", MODIFY_CHECK_SET), 0x82);
     const std::string told = tellOf("file");
-    if (shell("chattr +a ../backing/file") == "") {
+    if (shell("chattr +a ../backing/file").empty()) {
         for (const auto& row : CHANGES) {
             EXPECT_TRUE(row.first == 0x82 || row.second(fd.get()) < 0) << &row - CHANGES;
         }

@@ -3,8 +3,8 @@
 
 #include <android/log.h>
 #include <dlfcn.h>
-#include <errno.h>
 #include <fcntl.h>
+#include <linux/ioctl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -18,19 +18,34 @@
 
 namespace {
 
-constexpr int FIRST_DESCRIPTOR = 100;
 constexpr size_t MODELLED_BYTES = 1 << 16;  // of a file's content; beyond it only the size counts
 
-// The C library's own function behind a name; the second form is for names that the headers map to
-// a large-file variant where file offsets would be short.
-#define REAL(function) reinterpret_cast<decltype(&::function)>(dlsym(RTLD_NEXT, #function))
-#define REAL_LARGE(function)                 \
-    reinterpret_cast<decltype(&::function)>( \
-        dlsym(RTLD_NEXT, sizeof(void*) == 4 ? #function "64" : #function))
+// Where file offsets would be short, glibc's headers map the name to that of a large-file variant.
+#if defined(__GLIBC__) && !defined(__LP64__) && defined(_FILE_OFFSET_BITS) && \
+    _FILE_OFFSET_BITS == 64
+#define LARGE(name) #name "64"
+#else
+#define LARGE(name) #name
+#endif
+
+// Defines a function of the C library's name under another one: the declarations of C libraries
+// differ in exception specifications, overloads for fortified calls and the types of parameters.
+#define STAND_IN(symbol, result, name, ...)   \
+    result name(__VA_ARGS__) __asm__(symbol); \
+    result name(__VA_ARGS__)
+
+// The C library's own function of that type and name.
+template <typename Function>
+Function* real(const char* symbol) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
+}
 
 int realIoctl(int fd, unsigned long code, void* record) {
-    using Ioctl = int (*)(int, unsigned long, ...);  // spelled out: some headers overload the name
-    return reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"))(fd, code, record);
+    return real<int(int, unsigned long, ...)>("ioctl")(fd, code, record);
+}
+
+int realClose(int fd) {
+    return real<int(int)>("close")(fd);
 }
 
 std::string vformat(const char* text, va_list arguments) {
@@ -48,7 +63,7 @@ std::string vformat(const char* text, va_list arguments) {
 }
 
 std::string openFlags(int flags, mode_t mode) {
-    std::string text = (flags & O_ACCMODE) == O_RDWR ? "O_RDWR" : "O_RDONLY";
+    std::string text = (flags & O_ACCMODE) == O_RDWR ? " O_RDWR" : " O_RDONLY";
     int rest = flags & ~(O_ACCMODE | O_LARGEFILE);
     const std::pair<int, const char*> names[] = {
         {O_TMPFILE, "|O_TMPFILE"}, {O_CREAT, "|O_CREAT"}, {O_TRUNC, "|O_TRUNC"}};
@@ -68,16 +83,14 @@ std::string content(int fd) {
     return text;
 }
 
-void copyContent(int source_fd, int destination_fd) {
+int copyContent(int source_fd, int destination_fd) {
     const std::string text = content(source_fd);
     const auto size = static_cast<ssize_t>(text.size());
     struct stat source = {};
     const bool copied = fstat(source_fd, &source) == 0 && ftruncate(destination_fd, 0) == 0 &&
                         pwrite(destination_fd, text.data(), text.size(), 0) == size &&
                         ftruncate(destination_fd, source.st_size) == 0;
-    if (!copied) {
-        perror("fake kernel: copy");
-    }
+    return copied ? 0 : -1;
 }
 
 std::string nameOf(unsigned long code) {
@@ -94,6 +107,19 @@ std::string nameOf(unsigned long code) {
 
 }  // namespace
 
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+    return text;
+}
+
+FakeKernel::~FakeKernel() {
+    for (const auto& [inode, file] : files_) {
+        realClose(file.kept_fd);
+    }
+}
+
 std::string FakeKernel::text(const std::vector<std::string>& beginnings) const {
     std::string text;
     for (const std::string& line : trace) {
@@ -106,23 +132,25 @@ std::string FakeKernel::text(const std::vector<std::string>& beginnings) const {
 }
 
 std::string FakeKernel::shown(std::string text) const {
-    const std::pair<std::string, std::string> shorter[] = {{root_, "$"}, {"\n", "\\n"}};
-    for (const auto& [from, to] : shorter) {
-        for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-            text.replace(at, from.size(), to);
-        }
-    }
-    return text;
+    return replaced(replaced(std::move(text), root_, "$"), "\n", "\\n");
+}
+
+std::string FakeKernel::nameOf(int fd) const {
+    const auto found = descriptors_.find(fd);
+    return found == descriptors_.end() ? std::to_string(fd) : found->second;
+}
+
+std::string FakeKernel::where(const char* path) const {
+    return (has_media && strncmp(path, "/data/media", 11) == 0 ? root_ : "") + path;
 }
 
 void FakeKernel::answer(const std::string& call, Answer given, int skip) {
     script_.push_back({call, given, skip});
 }
 
-// Counts a call and lets a writer in; yields the result when the call is scripted or to fail.
-std::optional<int> FakeKernel::intercept(const std::string& call, void* record) {
+int FakeKernel::call(const std::string& call, const std::function<int()>& real, void* record) {
     ++calls;
-    const std::string line = shown(call);
+    std::string line = shown(call);
     if (before) {
         active = nullptr;
         before(line);
@@ -138,29 +166,26 @@ std::optional<int> FakeKernel::intercept(const std::string& call, void* record) 
         ++faults;
         given = Answer{-1, fault.error, {}};
     }
-    if (!given) {
-        return std::nullopt;
-    }
-    if (given->word && record != nullptr) {
+    if (given && given->word && record != nullptr) {
         *static_cast<uint32_t*>(record) = *given->word;
     }
-    note(call, given->result);
-    errno = given->error;
-    return given->result;
-}
-
-int FakeKernel::note(const std::string& call, int result) {
-    const int error = errno;
-    trace.push_back(shown(call) + " = " + std::to_string(result));
+    const int result = given ? given->result : real();
+    const int error = given ? given->error : errno;
+    if (line != "readdir") {
+        trace.push_back(line + (result < 0 ? " = " + std::to_string(result) : ""));
+    }
     errno = error;
     return result;
 }
 
 FakeKernel::File& FakeKernel::file(int fd) {
-    struct statx file_stat = {};
-    statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &file_stat);
-    return files_[{file_stat.stx_ino,
-                   file_stat.stx_btime.tv_sec * 1'000'000'000 + file_stat.stx_btime.tv_nsec}];
+    struct stat file_stat = {};
+    fstat(fd, &file_stat);
+    File& file = files_[file_stat.st_ino];
+    if (file.kept_fd < 0) {
+        file.kept_fd = fcntl(fd, F_DUPFD_CLOEXEC, 100);
+    }
+    return file;
 }
 
 int FakeKernel::model(int fd, const std::string& name, void* record) {
@@ -179,41 +204,67 @@ int FakeKernel::model(int fd, const std::string& name, void* record) {
     } else if (name == "SNAPSHOT_PREPARE") {
         state.is_layered = 1;
     } else if (name == "CLONE_FILE" || name == "SNAPSHOT_CREATE") {
-        copyContent(*static_cast<const int32_t*>(record), fd);  // their first word is the source
+        return copyContent(*static_cast<const int32_t*>(record), fd);  // from the first word
     }
     return 0;
 }
 
 int FakeKernel::request(int fd, unsigned long code, void* record) {
-    const std::string name = nameOf(code);
+    const std::string name = ::nameOf(code);
     const auto* words = static_cast<const uint32_t*>(record);
-    std::string call = format("%s %d {%#x", name.c_str(), fd, words[0]);
-    call += _IOC_SIZE(code) == 8 ? format(", %#x}", words[1]) : "}";
-    if (const std::optional<int> result = intercept(call, record)) {
-        return *result;
-    }
-    return note(call, has_driver ? model(fd, name, record) : realIoctl(fd, code, record));
+    const bool names_a_file =
+        name == "CLONE_FILE" || name == "SNAPSHOT_CREATE" || name == "SNAPSHOT_PREPARE";
+    const std::string first =
+        names_a_file ? nameOf(static_cast<int>(words[0])) : format("%#x", words[0]);
+    const std::string second = _IOC_SIZE(code) == 8 ? format(", %#x}", words[1]) : "}";
+    return call(
+        name + " " + nameOf(fd) + " {" + first + second,
+        [&] { return has_driver ? model(fd, name, record) : realIoctl(fd, code, record); }, record);
 }
 
 namespace {
 
-// Answers a call, whose trace line is formatted from text, by the script or by the real call.
-template <typename Real, typename... Arguments>
-int through(Real real_call, const char* text, Arguments... arguments) {
+// Makes a call that takes a path. In a trace, `rest` follows the path.
+template <typename Real>
+int onPath(const char* name, const char* path, const std::string& rest, Real real_call) {
     FakeKernel* kernel = FakeKernel::active;
     if (kernel == nullptr) {
-        return static_cast<int>(real_call());
+        return static_cast<int>(real_call(path));
     }
-    const std::string call = format(text, arguments...);
-    const std::optional<int> result = kernel->intercept(call);
-    return result ? *result : kernel->note(call, static_cast<int>(real_call()));
+    const std::string line = std::string(name) + " " + path + rest;
+    return kernel->call(line,
+                        [&] { return static_cast<int>(real_call(kernel->where(path).c_str())); });
+}
+
+int openFile(const char* path, int flags, mode_t mode) {
+    const int fd = onPath("open", path, openFlags(flags, mode), [=](const char* real_path) {
+        return real<int(const char*, int, ...)>(LARGE(open))(real_path, flags, mode);
+    });
+    if (fd >= 0 && FakeKernel::active != nullptr) {
+        const bool is_unnamed = (flags & O_TMPFILE) == O_TMPFILE;
+        FakeKernel::active->descriptors_[fd] = std::string(path) + (is_unnamed ? "(unnamed)" : "");
+    }
+    return fd;
+}
+
+// The entries of a directory, sorted, with the types that the test has set.
+std::vector<dirent> entriesOf(DIR* dir, const std::map<std::string, unsigned char>& types) {
+    std::vector<dirent> entries;
+    while (const dirent* entry = real<dirent*(DIR*)>(LARGE(readdir))(dir)) {
+        dirent copy = {};
+        memcpy(&copy, entry, std::min<size_t>(sizeof copy, entry->d_reclen));
+        const auto type = types.find(copy.d_name);
+        copy.d_type = type == types.end() ? copy.d_type : type->second;
+        entries.push_back(copy);
+    }
+    std::sort(entries.begin(), entries.end(),
+              [](const dirent& a, const dirent& b) { return strcmp(a.d_name, b.d_name) < 0; });
+    return entries;
 }
 
 }  // namespace
 
-extern "C" {
-
-int __android_log_print(int priority, const char* tag, const char* text, ...) {
+extern "C" int __android_log_print(int priority, const char* tag, const char* text, ...) {
     va_list arguments;
     va_start(arguments, text);
     const std::string line = vformat(text, arguments);
@@ -225,120 +276,121 @@ int __android_log_print(int priority, const char* tag, const char* text, ...) {
                                                                      : "? ";
         FakeKernel::active->trace.push_back(kind + FakeKernel::active->shown(line));
     }
-    errno = EIDRM;  // a log may change errno: what the library reports it must have read before
+    errno = EIDRM;  // a log may change errno: the library must have read it before
     return 1;
 }
 
-int ioctl(int fd, unsigned long code, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, code);
-    void* record = va_arg(arguments, void*);
-    va_end(arguments);
+// The code is an int in bionic and musl and an unsigned long in glibc: its upper half is noise.
+STAND_IN("ioctl", int, fakeIoctl, int fd, unsigned long code, void* record) {
     FakeKernel* kernel = FakeKernel::active;
+    code = static_cast<uint32_t>(code);
     return kernel == nullptr ? realIoctl(fd, code, record) : kernel->request(fd, code, record);
 }
 
-int open(const char* path, int flags, ...) {
+STAND_IN(LARGE(open), int, fakeOpen, const char* path, int flags, ...) {
     mode_t mode = 0;
     if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
         va_list arguments;
         va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
+        mode = static_cast<mode_t>(va_arg(arguments, int));
         va_end(arguments);
     }
-    const auto call = [&] {
-        const int fd = REAL_LARGE(open)(path, flags, mode);
-        if (fd < 0 || FakeKernel::active == nullptr) {
-            return fd;
-        }
-        const int moved = fcntl(fd, F_DUPFD, FIRST_DESCRIPTOR);
-        REAL(close)(fd);
-        FakeKernel::active->descriptors_.insert(moved);
-        return moved;
-    };
-    return through(call, "open %s %s", path, openFlags(flags, mode).c_str());
+    return openFile(path, flags, mode);
 }
 
-int close(int fd) {
-    const int result = REAL(close)(fd);  // Linux gives the descriptor up whatever it returns
-    if (FakeKernel::active == nullptr || FakeKernel::active->descriptors_.erase(fd) == 0) {
+// A fortified call without a mode.
+STAND_IN("__open_2", int, fakeOpen2, const char* path, int flags) {
+    return openFile(path, flags, 0);
+}
+
+STAND_IN("close", int, fakeClose, int fd) {
+    FakeKernel* kernel = FakeKernel::active;
+    const int result = realClose(fd);  // Linux closes the descriptor even where this fails
+    if (kernel == nullptr || kernel->descriptors_.count(fd) == 0) {
         return result;
     }
-    return through([=] { return result; }, "close %d", fd);
+    const std::string line = "close " + kernel->nameOf(fd);
+    kernel->descriptors_.erase(fd);
+    return kernel->call(line, [=] { return result; });
 }
 
-int stat(const char* path, struct stat* file_stat) noexcept {
-    return through([=] { return REAL_LARGE(stat)(path, file_stat); }, "stat %s", path);
+STAND_IN(LARGE(stat), int, fakeStat, const char* path, struct stat* file_stat) {
+    return onPath("stat", path, "", [=](const char* real_path) {
+        return real<int(const char*, struct stat*)>(LARGE(stat))(real_path, file_stat);
+    });
 }
 
-int fallocate(int fd, int mode, off_t offset, off_t length) {
-    return through([=] { return REAL_LARGE(fallocate)(fd, mode, offset, length); },
-                   "fallocate %d %d %lld %lld", fd, mode, static_cast<long long>(offset),
-                   static_cast<long long>(length));
-}
-
-int mkdir(const char* path, mode_t mode) noexcept {
-    return through([=] { return REAL(mkdir)(path, mode); }, "mkdir %s %04o", path, mode);
-}
-
-int rmdir(const char* path) noexcept {
-    return through([=] { return REAL(rmdir)(path); }, "rmdir %s", path);
-}
-
-int unlink(const char* path) noexcept {
-    return through([=] { return REAL(unlink)(path); }, "unlink %s", path);
-}
-
-ssize_t readlink(const char* path, char* text, size_t size) noexcept {
-    return through([=] { return REAL(readlink)(path, text, size); }, "readlink %s %zu", path, size);
-}
-
-int symlink(const char* text, const char* path) noexcept {
-    return through([=] { return REAL(symlink)(text, path); }, "symlink %s %s", text, path);
-}
-
-DIR* opendir(const char* path) {
-    DIR* dir = nullptr;
-    const auto call = [&] {
-        dir = REAL(opendir)(path);
-        return dir == nullptr ? -1 : 0;
+STAND_IN(LARGE(fallocate), int, fakeFallocate, int fd, int mode, off_t offset, off_t length) {
+    const auto call = [=] {
+        return real<int(int, int, off_t, off_t)>(LARGE(fallocate))(fd, mode, offset, length);
     };
-    through(call, "opendir %s", path);
     FakeKernel* kernel = FakeKernel::active;
-    if (dir == nullptr || kernel == nullptr) {
-        return dir;
+    return kernel == nullptr
+               ? call()
+               : kernel->call("fallocate " + kernel->nameOf(fd) +
+                                  format(" %d %lld %lld", mode, static_cast<long long>(offset),
+                                         static_cast<long long>(length)),
+                              call);
+}
+
+STAND_IN("mkdir", int, fakeMkdir, const char* path, mode_t mode) {
+    const std::string shown_mode = format(" %04o", static_cast<unsigned>(mode));
+    return onPath("mkdir", path, shown_mode, [=](const char* real_path) {
+        return real<int(const char*, mode_t)>("mkdir")(real_path, mode);
+    });
+}
+
+STAND_IN("rmdir", int, fakeRmdir, const char* path) {
+    return onPath("rmdir", path, "", real<int(const char*)>("rmdir"));
+}
+
+STAND_IN("unlink", int, fakeUnlink, const char* path) {
+    return onPath("unlink", path, "", real<int(const char*)>("unlink"));
+}
+
+STAND_IN("readlink", ssize_t, fakeReadlink, const char* path, char* text, size_t size) {
+    return onPath("readlink", path, " " + std::to_string(size), [=](const char* real_path) {
+        return real<ssize_t(const char*, char*, size_t)>("readlink")(real_path, text, size);
+    });
+}
+
+STAND_IN("symlink", int, fakeSymlink, const char* text, const char* path) {
+    return onPath("symlink", path, std::string(" -> ") + text, [=](const char* real_path) {
+        return real<int(const char*, const char*)>("symlink")(text, real_path);
+    });
+}
+
+STAND_IN("opendir", DIR*, fakeOpendir, const char* path) {
+    DIR* dir = nullptr;
+    onPath("opendir", path, "", [&](const char* real_path) {
+        dir = real<DIR*(const char*)>("opendir")(real_path);
+        return dir == nullptr ? -1 : 0;
+    });
+    FakeKernel* kernel = FakeKernel::active;
+    if (dir != nullptr && kernel != nullptr) {
+        kernel->streams_[dir] = {path, entriesOf(dir, kernel->types)};
     }
-    std::vector<dirent>& entries = kernel->streams_[dir].entries;
-    while (const dirent* entry = REAL_LARGE(readdir)(dir)) {
-        dirent copy = {};
-        memcpy(&copy, entry, std::min<size_t>(sizeof copy, entry->d_reclen));
-        const auto type = kernel->types.find(copy.d_name);
-        copy.d_type = type == kernel->types.end() ? copy.d_type : type->second;
-        entries.push_back(copy);
-    }
-    std::sort(entries.begin(), entries.end(),
-              [](const dirent& a, const dirent& b) { return strcmp(a.d_name, b.d_name) < 0; });
     return dir;
 }
 
-dirent* readdir(DIR* dir) {
+STAND_IN(LARGE(readdir), dirent*, fakeReaddir, DIR* dir) {
     FakeKernel* kernel = FakeKernel::active;
     if (kernel == nullptr || kernel->streams_.count(dir) == 0) {
-        return REAL_LARGE(readdir)(dir);
-    }
-    if (kernel->intercept("readdir")) {
-        return nullptr;
+        return real<dirent*(DIR*)>(LARGE(readdir))(dir);
     }
     FakeKernel::Stream& stream = kernel->streams_[dir];
-    return stream.next < stream.entries.size() ? &stream.entries[stream.next++] : nullptr;
+    const bool failed = kernel->call("readdir", [] { return 0; }) != 0;
+    return failed || stream.next == stream.entries.size() ? nullptr
+                                                          : &stream.entries[stream.next++];
 }
 
-int closedir(DIR* dir) {
-    const int result = REAL(closedir)(dir);
-    if (FakeKernel::active == nullptr || FakeKernel::active->streams_.erase(dir) == 0) {
+STAND_IN("closedir", int, fakeClosedir, DIR* dir) {
+    FakeKernel* kernel = FakeKernel::active;
+    const int result = real<int(DIR*)>("closedir")(dir);
+    if (kernel == nullptr || kernel->streams_.count(dir) == 0) {
         return result;
     }
-    return through([=] { return result; }, "%s", "closedir");
+    const std::string line = "closedir " + kernel->streams_[dir].path;
+    kernel->streams_.erase(dir);
+    return kernel->call(line, [=] { return result; });
 }
-
-}  // extern "C"

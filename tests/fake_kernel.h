@@ -1,29 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 // A kernel for tests: stands in for every system call that the library makes.
 //
-// In a run, the library's file calls go through the fake to the real temporary folder, its requests
-// are answered by a model of the driver, and calls and log lines are written to one trace, in
-// order. Calls can be scripted, failed by number, or watched; directories are read in name order
-// and descriptors counted from 100, so that traces are the same on every machine. Each thread has
-// its own run.
+// During a run, the library's file calls pass through the fake to the real temporary directory, a
+// model of the driver answers its requests, and one trace records calls and log lines in order. A
+// test can script calls, fail them by number, or watch them. Directories are read in name order and
+// descriptors are shown as paths, so that traces are the same on every machine.
 #pragma once
 
 #include <dirent.h>
 #include <errno.h>
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
+
+// A text with `to` wherever it held `from`.
+std::string replaced(std::string text, const std::string& from, const std::string& to);
 
 class FakeKernel {
   public:
     // Paths below root are written as "$" in the trace.
     explicit FakeKernel(std::string root) : root_(std::move(root)) {}
+    ~FakeKernel();
+    FakeKernel(const FakeKernel&) = delete;
+    FakeKernel& operator=(const FakeKernel&) = delete;
 
     // Runs an operation of the library on this kernel, with a new trace.
     template <typename Operation>
@@ -39,17 +44,20 @@ class FakeKernel {
     struct Answer {
         int result = -1;
         int error = EIO;
-        std::optional<uint32_t> word;  // put into the first word of a request's record
+        std::optional<uint32_t> word;  // stored as the first word of a request's record
     };
-    // The first call whose trace line begins so, or the one after skip others, is answered by the
-    // script, once and without effect.
+    // Scripts one answer: the call whose trace line begins so, after `skip` others like it, returns
+    // the result and is not executed.
     void answer(const std::string& call, Answer given, int skip = 0);
 
     // Entry types that the directory stream reports instead of the true ones, by name.
     std::map<std::string, unsigned char> types;
-    // Whether the fake answers requests; else they go to the driver of the volume that root is on.
+    // False: requests go to the driver of the volume that root is on.
     bool has_driver = true;
-    // Called before each call with its trace line: the place for a concurrent writer.
+    // Whether the tree /data/media is the one below root.
+    bool has_media = false;
+    // Called before each call with its trace line. It may change files as a concurrent writer
+    // would.
     std::function<void(const std::string& call)> before;
 
     // Fails the nth call (from 1) with error, or every call from the nth on.
@@ -60,28 +68,30 @@ class FakeKernel {
     };
     Fault fault;
 
-    // "open $/a O_RDWR = 100", "I text", "E text", ... with newlines in a text shown as \n.
+    // "open $/a O_RDWR", "I text", "E text", ...; " = -1" follows a failed call. Newlines in a text
+    // are shown as \n.
     std::vector<std::string> trace;
-    size_t calls = 0;   // calls of the last run; log lines are none
+    size_t calls = 0;   // of the last run; log lines do not count
     size_t faults = 0;  // calls that a fault has failed
     // The trace's lines with one of the beginnings; without any, all of them.
     std::string text(const std::vector<std::string>& beginnings = {""}) const;
-    std::string log() const {
-        return text({"I ", "E ", "? "});
-    }
     // What the library opened and has not closed.
     size_t openDescriptors() const {
         return descriptors_.size() + streams_.size();
     }
 
-    // For the interposed calls, which are the C library's while no fake is active.
-    inline static thread_local FakeKernel* active = nullptr;
+    // For the functions that stand in for the C library's; null outside of a run.
+    inline static FakeKernel* active = nullptr;
     std::string shown(std::string text) const;
-    std::optional<int> intercept(const std::string& call, void* record = nullptr);
-    int note(const std::string& call, int result);
+    // Answers a call: by the script, or by `real`.
+    int call(const std::string& line, const std::function<int()>& real, void* record = nullptr);
     int request(int fd, unsigned long code, void* record);
-    std::set<int> descriptors_;
+    std::string nameOf(int fd) const;
+    std::string where(const char* path) const;
+
+    std::map<int, std::string> descriptors_;
     struct Stream {
+        std::string path;
         std::vector<dirent> entries;
         size_t next = 0;
     };
@@ -89,6 +99,7 @@ class FakeKernel {
 
   private:
     struct File {
+        int kept_fd = -1;  // keeps the inode number from being used again
         int16_t is_layered = 0;
         uint32_t flag = 0;
         std::string marked_content;
@@ -103,5 +114,5 @@ class FakeKernel {
         int skip = 0;
     };
     std::vector<Scripted> script_;
-    std::map<std::pair<uint64_t, int64_t>, File> files_;  // by inode number and birth
+    std::map<ino_t, File> files_;
 };

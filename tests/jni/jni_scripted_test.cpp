@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The Java bridge against a scripted VM: what a healthy VM never does, the order of every call,
-// and many threads at once.
+// The Java bridge against a scripted VM: the order of its calls, and failures of the VM.
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <jni.h>
 
 #include <array>
-#include <future>
 #include <optional>
 #include <vector>
 
 #include "jni/snapshot_jni.h"
 #include "tests/fake_kernel.h"
-#include "tests/test_tree.h"
 
 namespace {
 
@@ -60,8 +58,8 @@ struct ScriptedVm : JavaVM_, JNIEnv_ {
     JNIInvokeInterface_ invoke = {};
     JNINativeInterface_ native = {};
 
-    explicit ScriptedVm(const Answers& given = {}, const fs::path& root = "/root of the test")
-        : JavaVM_{&invoke}, JNIEnv_{&native}, answers(given), kernel(root) {
+    explicit ScriptedVm(const Answers& given = {})
+        : JavaVM_{&invoke}, JNIEnv_{&native}, answers(given), kernel("/root of the test") {
         invoke.GetEnv = [](JavaVM* vm, void** env, jint version) {
             note("GetEnv " + std::to_string(version));
             auto* self = static_cast<ScriptedVm*>(vm);
@@ -175,48 +173,6 @@ E fail to PreCreateSingleDirSnapshot ret = -2\n
 VM release ;/no/a;;/../b;
 = -2
 )");
-}
-
-// Calls the bridge with paths of the caller's own. Returns all that it saw.
-std::string rounds(const fs::path& folder) {
-    const fs::path file = folder / "source/d/file";
-    const std::string copy = (folder / "target/snapshot").string() + file.string();
-    fs::create_directories(file.parent_path());
-    write(file, "content");
-    ScriptedString source((folder / "source").string());
-    ScriptedString target((folder / "target").string());
-    ScriptedVm vm({}, folder);
-    std::string content;
-    // Out of date at once, so that each create lists the file and makes it again.
-    vm.kernel.before = [&](const std::string& system_call) {
-        if (system_call.rfind("SNAPSHOT_CREATE", 0) == 0) {
-            write(file, content);
-        }
-    };
-    std::string seen;
-    for (int round = 0; round < 10; ++round) {
-        content = "content " + std::to_string(round);
-        seen += vm.call(prepare, &source);
-        seen += vm.call(create, &source, &target);
-        seen += read(copy) + "\n";
-        seen += vm.call(destroy, &target);
-    }
-    return seen;
-}
-
-using JniThreads = TestTree;
-
-TEST_F(JniThreads, CallsOnDifferentTargetsDoNotMeet) {
-    const std::string alone = rounds(root / "alone");
-    EXPECT_NE(alone.find("= 0\ncontent 9\n"), std::string::npos) << alone;
-    std::vector<std::future<std::string>> callers;
-    for (int caller = 0; caller < 8; ++caller) {
-        const fs::path folder = root / std::to_string(caller);
-        callers.push_back(std::async(std::launch::async, rounds, folder));
-    }
-    for (std::future<std::string>& caller : callers) {
-        EXPECT_EQ(caller.get(), alone);
-    }
 }
 
 }  // namespace
