@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "tests/manager/manager_on_volume.h"
-#include "tests/trial.h"
 
 namespace {
 

@@ -50,7 +50,7 @@ TEST_F(CreateTest, TreesOfAllKindsAreWhole) {
         SCOPED_TRACE(seed);
         fs::remove_all(source);
         fs::create_directory(source);
-        TreeGenerator(seed).fill(source);
+        fillTree(source, seed);
         f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
         options.digests = static_cast<int32_t>(seed % 2);
         const std::string name = "tree " + std::to_string(seed);
