@@ -110,6 +110,7 @@ class Creation {
     void prepare();
     void attempt(bool is_last);
     void listSources();
+    void refuse(const std::vector<Finding>& findings) const;
     void callLibrary();
     void compareSources();
     void compareSource(const Source& source, Listing& listing);
@@ -215,6 +216,7 @@ void Creation::listSources() {
     monitor_.begin(F2FS_SNAPSHOT_PHASE_LIST);
     listings_.clear();
     Rules rules(store_, sources_, request_.name);
+    refuse(rules.findings());  // before trees are read that are refused anyway
     for (const Source& source : sources_) {
         listings_.emplace_back(source.path);
         Listing& listing = listings_.back();
@@ -229,16 +231,18 @@ void Creation::listSources() {
         }
     }
     uncovered_ = rules.take();
-    for (const Finding& finding : uncovered_) {
-        const bool is_refused = finding.severity == F2FS_SNAPSHOT_FAILS ||
-                                (finding.severity == F2FS_SNAPSHOT_UNCOVERED && request_.strict);
-        if (is_refused) {
-            const auto code =
-                finding.kind == F2FS_SNAPSHOT_FOUND_NO_DRIVER ? F2FS_SNAPSHOT_ERROR_UNSUPPORTED
-                : finding.severity == F2FS_SNAPSHOT_FAILS     ? F2FS_SNAPSHOT_ERROR_SOURCE
-                                                              : F2FS_SNAPSHOT_ERROR_NOT_WHOLE;
-            throw Failure(code, finding.path, "cannot snapshot " + finding.message,
-                          finding.os_error);
+    refuse(uncovered_);
+}
+
+void Creation::refuse(const std::vector<Finding>& findings) const {
+    for (const Finding& finding : findings) {
+        const bool fails = finding.severity == F2FS_SNAPSHOT_FAILS;
+        if (fails || (finding.severity == F2FS_SNAPSHOT_UNCOVERED && request_.strict)) {
+            throw Failure(!fails ? F2FS_SNAPSHOT_ERROR_NOT_WHOLE
+                          : finding.kind == F2FS_SNAPSHOT_FOUND_NO_DRIVER
+                              ? F2FS_SNAPSHOT_ERROR_UNSUPPORTED
+                              : F2FS_SNAPSHOT_ERROR_SOURCE,
+                          finding.path, "cannot snapshot " + finding.message, finding.os_error);
         }
     }
 }
@@ -368,21 +372,24 @@ void Creation::recordTree(const Source& source, Listing& listing, ManifestWriter
     TreeWalk walk(std::move(top), root + source.path);
     ListingCursor cursor(listing);
     merge(cursor, walk, root.size(), [&](ListingCursor* listed, bool is_there) {
-        monitor_.step(is_there && walk.type() == S_IFREG ? 1 : 0);
-        if (is_there && walk.error() != 0) {
+        if (!is_there) {
+            if (is_constant) {
+                change(F2FS_SNAPSHOT_FOUND_NOT_TAKEN, listed->path(), "the snapshot lacks it");
+            }
+            return false;
+        }
+        monitor_.step(walk.type() == S_IFREG ? 1 : 0);
+        if (walk.error() != 0) {
             failSystem("read", walk.path(), walk.error());
         }
-        const bool is_equal = listed != nullptr && is_there &&
-                              listed->entry().type() == walk.type() &&
+        const bool is_equal = listed != nullptr && listed->entry().type() == walk.type() &&
                               (walk.type() != S_IFLNK || walk.linkText() == listed->linkText());
-        const std::string path = is_there ? walk.path().substr(root.size()) : listed->path();
+        const std::string path = walk.path().substr(root.size());
         if (!is_equal && is_constant) {
-            change(F2FS_SNAPSHOT_FOUND_NOT_TAKEN, path, "the snapshot has it not as it was");
+            change(F2FS_SNAPSHOT_FOUND_NOT_TAKEN, path, "the snapshot has something else");
         }
-        if (is_there) {
-            recordEntry(walk, path, is_equal ? listed : nullptr, manifest);
-        }
-        return is_there;
+        recordEntry(walk, path, is_equal ? listed : nullptr, manifest);
+        return true;
     });
 }
 

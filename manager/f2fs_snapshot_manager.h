@@ -42,6 +42,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* NOLINTBEGIN(modernize-use-using): C has typedef only */
 
 /* Results. The numbers never change. */
 typedef enum f2fs_snapshot_code {
@@ -497,6 +498,7 @@ F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_prune(f2fs_snapshot_store* store
                                                       f2fs_snapshot_prune_result** result,
                                                       f2fs_snapshot_error* error);
 
+/* NOLINTEND(modernize-use-using) */
 #ifdef __cplusplus
 }
 #endif

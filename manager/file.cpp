@@ -105,6 +105,10 @@ int readNames(int directory, Names& names) {
 
 namespace {
 
+[[noreturn]] void failRemoval(const std::string& directory, const std::string& name) {
+    failSystem("remove", directory + "/" + name);
+}
+
 // Removes what a directory holds, except directories that hold something: returns their names.
 std::vector<std::string> removeNames(int directory, const std::string& path,
                                      const std::function<void()>& on_removed) {
@@ -118,7 +122,7 @@ std::vector<std::string> removeNames(int directory, const std::string& path,
         if (unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) {
             on_removed();
         } else if (errno != EISDIR) {
-            failSystem("remove", path + "/" + name);
+            failRemoval(path, name);
         } else if (unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
             rest.push_back(std::move(name));
         }
@@ -143,7 +147,7 @@ void removeBelow(UniqueFd top, const std::string& path, const std::function<void
         descent.leave();
         const std::string& name = rest.back().back();
         if (unlinkat(descent.fd(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-            failSystem("remove", descent.path() + "/" + name);
+            failRemoval(descent.path(), name);
         }
         rest.back().pop_back();
     }

@@ -14,8 +14,6 @@
 #include "manager/failure.h"
 #include "manager/helper_protocol.h"
 
-extern char** environ;
-
 namespace manager {
 
 namespace {
@@ -160,6 +158,7 @@ void Helper::start() {
                                       call_.target};
     words.insert(words.end(), call_.sources.begin(), call_.sources.end());
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }

@@ -22,7 +22,7 @@ constexpr char INFO_FILE[] = "info.json";
 std::string infoToJson(const Info& info);
 
 // path  of the file, for messages. Throws ERROR_FORMAT.
-Info infoFromJson(const std::string& json, const std::string& path);
+Info infoFromJson(const std::string& text, const std::string& path);
 
 // Reads a generation's file. `directory` is that of the generation at `path`.
 Info readInfo(int directory, const std::string& path, const std::string& name);

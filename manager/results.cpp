@@ -21,6 +21,7 @@ struct OwnedInfo : f2fs_snapshot_info {
 
 std::vector<f2fs_snapshot_finding> listOf(const std::vector<Finding>& findings) {
     std::vector<f2fs_snapshot_finding> list;
+    list.reserve(findings.size());
     for (const Finding& finding : findings) {
         list.push_back({finding.path.c_str(), finding.kind, finding.severity, finding.os_error,
                         finding.message.c_str()});

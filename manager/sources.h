@@ -44,6 +44,10 @@ class Rules {
     // Adds what was found.
     void add(f2fs_snapshot_finding_kind kind, const std::string& path, const std::string& why,
              int error = 0);
+    // What was found so far.
+    const std::vector<Finding>& findings() const {
+        return findings_;
+    }
     // All findings, in the order of their paths.
     std::vector<Finding> take();
 

@@ -6,6 +6,8 @@
 #include <sys/xattr.h>
 
 #include <cstring>
+#include <set>
+#include <sstream>
 
 #include "tests/manager/manager_on_volume.h"
 
@@ -48,7 +50,7 @@ TEST_F(CreateTest, TreesOfAllKindsAreWhole) {
         SCOPED_TRACE(seed);
         fs::remove_all(source);
         fs::create_directory(source);
-        TreeGenerator(seed).fill(source);
+        fillTree(source, seed);
         f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
         options.digests = static_cast<int32_t>(seed % 2);
         const std::string name = "tree " + std::to_string(seed);
@@ -105,6 +107,15 @@ TEST_F(CreateTest, TheManifestRecordsTheSources) {
         EXPECT_NE(manifest.find(part), std::string::npos) << part << "\n" << manifest;
     }
     EXPECT_EQ(read(at("store/a/xattrs.dump")), "# file: ." + source + "/f\nuser.one=0x31\n\n");
+}
+
+TEST_F(CreateTest, TheManifestHasTheTimeOfTheContent) {
+    inSource("printf old >a; touch -d @1000000000 a; printf old >b; touch -d @1000000000 b");
+    HeldLibrary held(volume.root(), "opendir " + source, 2, [&] { inSource("printf new >a"); });
+    ASSERT_EQ(create("a").code, F2FS_SNAPSHOT_OK);
+    const std::string manifest = read(at("store/a/manifest.mtree"));
+    EXPECT_EQ(manifest.find("/a time=1000000000.0"), std::string::npos) << manifest;
+    EXPECT_NE(manifest.find("/b time=1000000000.0"), std::string::npos) << manifest;
 }
 
 // What happens at an exact call of the library in the only attempt, and what is said of it.
@@ -414,14 +425,35 @@ TEST_F(CreateTest, ADeepTreeNeedsFewDescriptors) {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// What a helper of this process has open.
+std::set<std::string> openInHelper() {
+    const std::string self = std::to_string(getpid());
+    std::istringstream children(read("/proc/self/task/" + self + "/children"));
+    std::set<std::string> targets;
+    for (std::string child; children >> child;) {
+        if (read("/proc/" + child + "/comm") == "f2fs_snapshot_h\n") {
+            for (const fs::path& fd : fs::directory_iterator("/proc/" + child + "/fd")) {
+                targets.insert(fs::read_symlink(fd));
+            }
+        }
+    }
+    return targets;
+}
+
 // Two calls for one store, one source, or a source within another.
 TEST_F(CreateTest, CallsAreKeptApart) {
     inSource("mkdir -p m/n; printf old >m/n/f");
     fs::create_directory(at("other"));
     f2fs_snapshot_store* second = nullptr;
     ASSERT_EQ(f2fs_snapshot_store_open(at("store2").c_str(), 1, &second, nullptr), 0);
+    // Without O_CLOEXEC, as others may forget it.
+    const int opened = open(at("store2").c_str(), O_RDONLY | O_CLOEXEC);
+    const int leak = fcntl(opened, F_DUPFD, 200);
+    close(opened);
     std::vector<int32_t> codes;
+    std::set<std::string> held_by_helper;
     const auto tryAll = [&] {
+        held_by_helper = openInHelper();
         for (const std::string& path : {source, source + "/m", source + "/m/n", at("other")}) {
             const char* paths[] = {path.c_str()};
             codes.push_back(f2fs_snapshot_create(second, paths, 1, nullptr, nullptr, nullptr));
@@ -437,6 +469,12 @@ TEST_F(CreateTest, CallsAreKeptApart) {
         EXPECT_EQ(create("a", F2FS_SNAPSHOT_CREATE_OPTIONS_INIT, {source + "/m"}).code, 0);
     }
     f2fs_snapshot_store_close(second);
+    close(leak);
+    // Its caller may be killed, and the locks are to last as long as it works.
+    for (const std::string& directory : {at("store"), source + "/m", source}) {
+        EXPECT_EQ(held_by_helper.count(directory), 1U) << directory;
+    }
+    EXPECT_EQ(held_by_helper.count(at("store2")), 0U) << "not closed";
     const int32_t busy = F2FS_SNAPSHOT_ERROR_BUSY;
     EXPECT_EQ(codes, (std::vector<int32_t>{busy, busy, busy, 0, busy, busy}));
 }

@@ -9,9 +9,7 @@
 
 #include "manager/f2fs_snapshot_manager.h"
 #include "tests/emulator_mount.h"
-#include "tests/process.h"
-#include "tests/test_tree.h"
-#include "tests/tree_gen.h"
+#include "tests/helpers.h"
 
 // The result of a call. `value` is what its out parameter got.
 template <typename Value>
@@ -36,19 +34,56 @@ std::vector<std::string> findingsOf(const Value& value, const std::string& top) 
     return lines;
 }
 
+// Fills a directory with random entries of all kinds, the same ones for the same seed. Returns the
+// directories, itself included.
+inline std::vector<fs::path> fillTree(const fs::path& top, uint32_t seed) {
+    Random random(seed);
+    std::vector<fs::path> directories = {top};
+    const auto text = [&](const std::string& letters, size_t size) {
+        std::string made(size, ' ');
+        std::generate(made.begin(), made.end(),
+                      [&] { return letters[random.below(letters.size())]; });
+        return made;
+    };
+    for (size_t count = 5 + random.below(60); count > 0; --count) {
+        const fs::path name =
+            text("\n;\xFF\x80-*\\\"'ab", 1 + random.below(8)) + std::to_string(count);
+        const fs::path path = directories[random.below(directories.size())] / name;
+        const size_t kind = random.below(8);
+        if (kind < 3) {
+            fs::create_directory(path);
+            directories.push_back(path);
+        } else if (kind < 4) {
+            fs::create_symlink(text("./\n\xFFx", 1 + random.below(200)), path);
+        } else {
+            write(path, text("content", kind < 5 ? 0 : random.below(9000)));
+        }
+        if (kind == 7) {
+            fs::resize_file(path, random.below(1 << 17));  // a hole at the end
+        }
+    }
+    // More levels than the manager keeps open.
+    fs::path deep = top / "deep";
+    for (size_t level = random.below(60); level > 0; --level) {
+        deep /= "D";
+    }
+    fs::create_directories(deep);
+    write(deep / "bottom", "bottom");
+    return directories;
+}
+
 // The source is an empty directory at first, the store does not exist.
-class ManagerOnVolume : public EmulatedVolume {
+class ManagerOnVolume : public VolumeTest {
   protected:
     void SetUp() override {
-        EmulatedVolume::SetUp();
+        VolumeTest::SetUp();
         if (!IsSkipped()) {
-            fs::create_directory(source);
             openStore();
         }
     }
     void TearDown() override {
         f2fs_snapshot_store_close(store);
-        EmulatedVolume::TearDown();
+        VolumeTest::TearDown();
     }
     void openStore() {
         f2fs_snapshot_error error = F2FS_SNAPSHOT_ERROR_INIT;
@@ -128,7 +163,6 @@ class ManagerOnVolume : public EmulatedVolume {
         return at("store") + "/" + name + "/snapshot" + source;
     }
 
-    std::string source = at("source");
     f2fs_snapshot_store* store = nullptr;
 };
 
@@ -143,6 +177,7 @@ class HeldLibrary {
             EXPECT_EQ(mkfifo((pipes_ / name).c_str(), 0600), 0);
         }
         setenv("LD_PRELOAD", F2FS_SNAPSHOT_HOLD_LIBRARY, 1);
+        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
         setenv("F2FS_SNAPSHOT_TEST_HOLD", call.c_str(), 1);
         setenv("F2FS_SNAPSHOT_TEST_NTH", std::to_string(nth).c_str(), 1);
         setenv("F2FS_SNAPSHOT_TEST_PIPES", pipes_.c_str(), 1);

@@ -6,7 +6,6 @@
 #include <map>
 
 #include "tests/manager/manager_on_volume.h"
-#include "tests/trial.h"
 
 namespace {
 
@@ -212,11 +211,11 @@ TEST_F(RandomTest, WholeIsTheTreeAfterOneStep) {
     Random random;
     const auto seed = static_cast<uint32_t>(random.below(1U << 31));
     const pid_t writer = startChild([&] {
-        const int top = open(source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int directory = open(source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         Writer steps(seed);
         Random pauses(seed + 1);
         for (*shared = 0; *shared < max_steps; *shared = *shared + 1) {
-            Writer::act(top, steps.next());
+            Writer::act(directory, steps.next());
             // Bursts, and rests in which a create has a chance.
             usleep(static_cast<useconds_t>(pauses.below(10) == 0 ? pauses.below(100000)
                                                                  : pauses.below(1000)));

@@ -67,7 +67,7 @@ TEST_F(StoreTest, NamesAndSourcesThatAreRefused) {
         {at("none")},
         {at("file")},
         {"/"},
-        {volume.mount()},
+        {top},
         {at("store")},
         {at("store/in")},
         {at("into")},
@@ -216,6 +216,45 @@ TEST_F(StoreTest, CheckTellsWhatCreateDoes) {
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(found[0].rfind("6 ", 0), 0U);
     EXPECT_EQ(create("a").code, F2FS_SNAPSHOT_ERROR_SOURCE);
+}
+
+TEST_F(StoreTest, CheckTellsWhatCreateDoesWithRandomTrees) {
+    int refused = 0;
+    for (uint32_t seed = 1; seed <= 12 && !HasFailure(); ++seed) {
+        SCOPED_TRACE(seed);
+        const std::vector<fs::path> directories = fillTree(source, seed);
+        Random random(seed);
+        std::vector<std::string> obstacles;
+        for (size_t count = random.below(3); count > 0; --count) {
+            const fs::path path = directories[random.below(directories.size())] /
+                                  ("obstacle" + std::to_string(count));
+            const bool is_pipe = random.below(2) == 0;
+            if (is_pipe) {
+                ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+            } else {
+                write(path, "");
+                fs::resize_file(path, UINT64_C(3) << 30);
+            }
+            obstacles.push_back((is_pipe ? "2 " : "3 ") + path.lexically_relative(source).string());
+        }
+        std::vector<std::string> found = checked();
+        const bool fails = !obstacles.empty();
+        const auto made = create("a");
+        EXPECT_EQ(made.code, fails ? F2FS_SNAPSHOT_ERROR_SOURCE : F2FS_SNAPSHOT_OK)
+            << made.error.message;
+        if (fails) {
+            EXPECT_EQ(made.error.path, source + "/" + found[0].substr(2));
+        }
+        std::sort(found.begin(), found.end());
+        std::sort(obstacles.begin(), obstacles.end());
+        EXPECT_EQ(found, obstacles);
+        refused += fails ? 1 : 0;
+        destroy("a");
+        fs::remove_all(source);
+        fs::create_directory(source);
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_LT(refused, 12);
 }
 
 TEST_F(StoreTest, CheckKnowsSourcesAndMounts) {
