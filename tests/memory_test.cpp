@@ -2,7 +2,6 @@
 // Memory exhaustion: a client that catches std::bad_alloc must not go on with a call of the library
 // cut short.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -12,29 +11,7 @@
 
 #include "snapshot/snapshot.h"
 
-namespace {
-
-thread_local long allocations_left = -1;  // -1: no limit
-
-}  // namespace
-
-// Not inlined: compilers take the malloc in it for a mismatch.
-[[gnu::noinline]] void* operator new(size_t size) {
-    void* const memory = allocations_left == 0 ? nullptr : malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    allocations_left -= allocations_left > 0 ? 1 : 0;
-    return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, size_t /*size*/) noexcept {
-    free(memory);
-}
+extern thread_local long allocations_left;  // limited_memory.cpp
 
 namespace {
 
