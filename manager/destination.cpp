@@ -40,10 +40,29 @@ Destination::Destination(const Store& store, const std::string& path, bool dry_r
     if (dry_run && attributesOf(AT_FDCWD, path.c_str(), attributes) == ENOENT) {
         return;
     }
-    const bool is_made = !dry_run && mkdir(path.c_str(), S_IRWXU) == 0;
-    if (!dry_run && !is_made && errno != EEXIST) {
+    is_made_ = !dry_run && mkdir(path.c_str(), S_IRWXU) == 0;
+    if (!dry_run && !is_made_ && errno != EEXIST) {
         failSystem("make the destination", path);
     }
+    try {
+        open(store, dry_run);
+    } catch (...) {
+        removeIfMade();
+        throw;
+    }
+}
+
+Destination::~Destination() {
+    removeIfMade();
+}
+
+void Destination::removeIfMade() const {
+    if (is_made_) {
+        rmdir(path_.c_str());
+    }
+}
+
+void Destination::open(const Store& store, bool dry_run) {
     fd_ = openResolved(path_);
     if (isAtOrBelow(path_, store.path())) {
         throw Failure(F2FS_SNAPSHOT_ERROR_ARGUMENT, path_,
@@ -52,13 +71,6 @@ Destination::Destination(const Store& store, const std::string& path, bool dry_r
     if (!dry_run && flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
         throw Failure(F2FS_SNAPSHOT_ERROR_BUSY, path_,
                       "cannot restore into " + shown(path_) + ": another call does so");
-    }
-    is_made_ = is_made;
-}
-
-Destination::~Destination() {
-    if (is_made_) {
-        rmdir(path_.c_str());
     }
 }
 

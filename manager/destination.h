@@ -37,6 +37,9 @@ class Destination {
     void removePartial(Monitor& monitor) const;
 
   private:
+    void open(const Store& store, bool dry_run);
+    void removeIfMade() const;
+
     std::string path_;
     UniqueFd fd_;
     bool is_made_ = false;

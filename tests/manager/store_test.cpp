@@ -186,7 +186,8 @@ TEST_F(StoreTest, CheckTellsWhatCreateDoes) {
         {"truncate -s 4294967296 f", {"3 f"}},
         {"touch f; ln f g", {"8 f", "8 g"}},
         {"touch f; ln f ../g", {}},
-        {"cp /bin/sleep s; ./s 60 & echo $! >../pid; until grep -q s /proc/$!/comm; do :; done",
+        {"cp /bin/sleep s; ./s 60 & echo $! >../pid; until [ $(cat /proc/$!/comm) = s ]; do :; "
+         "done",
          {"4 s"}},
     };
     for (const Obstacle& row : obstacles) {

@@ -3,8 +3,7 @@
 #pragma once
 
 #include "tests/emulator_mount.h"
-#include "tests/process.h"
-#include "tests/test_tree.h"
+#include "tests/helpers.h"
 
 // "source" has a few files at first; the store does not exist.
 class CtlOnVolume : public EmulatedVolume {

@@ -2,8 +2,8 @@
 // Snapshots that are copied out again.
 #include <sys/mount.h>
 
+#include "tests/manager/random_tree.h"
 #include "tests/snapshotctl/ctl_on_volume.h"
-#include "tests/tree_gen.h"
 
 namespace {
 
@@ -33,6 +33,7 @@ TEST_F(Restore, BringsBackEveryAttribute) {
     const char* fill = R"sh( && umask 0 &&
         ln a hard && ln -s ../away sub/link && mkdir -p empty locked/in && echo x >locked/in/x
         printf 'new\nline' >"$(printf 'odd\n\\name\377')"; truncate -s 70000 zero
+        head -c 5M /dev/zero >sparse
         truncate -s 9M sparse; printf end | dd of=sparse bs=1 seek=8M conv=notrunc status=none
         setfattr -n user.note -v "a b" a; setfattr -n user.dir -v x sub
         chown 1234:5678 sub a; chown -h 1:2 sub/link; chmod 6755 a; chmod 1777 sub
@@ -64,7 +65,7 @@ TEST_F(Restore, BringsBackRandomTrees) {
     for (uint32_t seed = 1; seed <= 5; ++seed) {
         fs::remove_all(source);
         fs::create_directory(source);
-        TreeGenerator(seed).fill(source);
+        fillTree(source, seed);
         done({"create", "--digests", "--name", std::to_string(seed), source});
         done({"restore", std::to_string(seed), out + std::to_string(seed)});
         EXPECT_EQ(dump(out + std::to_string(seed) + source), dump(source)) << "seed " << seed;
@@ -108,8 +109,14 @@ TEST_F(Restore, RefusesWithoutTouchingAnything) {
         EXPECT_EQ(dump(volume.root()), before) << c.what;
         EXPECT_EQ(shell("find " + out + " -mindepth 1 -delete"), "");
     }
-    EXPECT_EQ(ctl({"restore", "one", store + "/one"}).status, 1);
+    EXPECT_NE(ctl({"restore", "one", store + "/new"}).err.find("it is in the store"),
+              std::string::npos);
+    EXPECT_EQ(stored(), "one\n");
     EXPECT_EQ(ctl({"restore", "one", out + "/no/parent"}).status, 1);
+    std::vector<std::string> locked = words({"restore", "one", out});
+    locked.insert(locked.begin(), {"flock", out});
+    EXPECT_NE(runProcess(locked).err.find("another call"), std::string::npos);
+    EXPECT_TRUE(fs::is_empty(out));
 }
 
 TEST_F(Restore, WritesThroughNoLinkToAFile) {
