@@ -159,7 +159,7 @@ TEST_F(Restore, GivesNobodyTheRightsOfAnother) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to own files as somebody else";
     }
-    fs::permissions(volume.root(), fs::perms(0755));
+    fs::permissions(volume.root(), static_cast<fs::perms>(0755));
     ASSERT_EQ(shell("cd " + source + " && chown -R 65534 . && chown 0 a && chmod 6777 a && mkdir " +
                     store + " " + out + " && chmod 700 " + store + " && chown 65534 " + store +
                     " " + out),
