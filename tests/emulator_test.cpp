@@ -145,7 +145,7 @@ TEST_F(EmulatorTest, BehavesAsAPlainDirectory) {
 // A mount that goes with the object.
 struct Mount {
     Mount(const fs::path& from, const fs::path& at) : point(fs::absolute(at)) {
-        EXPECT_EQ(mount(from.c_str(), point.c_str(), nullptr, MS_BIND, nullptr), 0) << errno;
+        EXPECT_EQ(mount(from.c_str(), point.c_str(), "", MS_BIND, nullptr), 0) << errno;
     }
     ~Mount() {
         umount2(point.c_str(), MNT_DETACH);
@@ -163,8 +163,7 @@ TEST_F(EmulatorTest, AReadOnlyBackingDirectoryRefusesEveryChange) {
     ASSERT_EQ(volume.stop(SIGTERM), 0);
     const Mount backing(volume.backing(), volume.backing());
     ASSERT_TRUE(volume.start());
-    ASSERT_EQ(mount("", backing.point.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
-              0);
+    ASSERT_EQ(mount("", backing.point.c_str(), "", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
     fs::current_path(volume.mount());
     for (const char* const command :
          {"mkdir n", "mkfifo p", "ln -s x l", "touch t", "rm -f a", "rmdir d", "ln a b", "mv a c",
