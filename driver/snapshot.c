@@ -218,11 +218,10 @@ static int set_size(struct file *file, loff_t size)
 			     NULL);
 }
 
-static int copy_data(struct file *from, struct file *to, void *buffer)
+/* Empties @to and gives it the size of @from: a hole, to be filled. */
+static int make_room(struct file *from, struct file *to)
 {
 	loff_t size = i_size_read(file_inode(from));
-	pgoff_t end = DIV_ROUND_UP_ULL(size, PAGE_SIZE);
-	pgoff_t index = 0;
 	int err;
 
 	err = inode_newsize_ok(file_inode(to), size);
@@ -230,34 +229,49 @@ static int copy_data(struct file *from, struct file *to, void *buffer)
 		err = file_modified(to);
 	if (!err)
 		err = set_size(to, 0);
+	if (!err && size)
+		err = set_size(to, size);
+	return err;
+}
+
+static int copy_data(struct file *from, struct file *to, void *buffer)
+{
+	loff_t size = i_size_read(file_inode(from));
+	pgoff_t end = DIV_ROUND_UP_ULL(size, PAGE_SIZE);
+	pgoff_t index = 0;
+	int err = 0;
+
 	while (!err && index < end) {
 		loff_t pos;
 		int pages = next_run(file_inode(from), &index, end);
 
-		if (pages <= 0) {
-			err = pages;
-			break;
-		}
+		if (pages <= 0)
+			return pages;
 		pos = (loff_t)index << PAGE_SHIFT;
 		err = copy_chunk(from, to, pos,
 				 min_t(loff_t, size - pos, pages << PAGE_SHIFT),
 				 buffer);
 		index += pages;
 	}
-	if (!err && i_size_read(file_inode(to)) != size)
-		err = set_size(to, size);	/* it ends in a hole */
 	return err;
 }
 
-/* The inode locks of both are held: all but stores through mappings wait. */
+/*
+ * The inode locks of both are held: all but stores through mappings wait. The
+ * size of @to is set before i_stores is taken: that takes F2FS's i_gc_rwsem,
+ * under which direct writes fault on their buffers, and so on i_stores.
+ */
 static int copy_at_one_instant(struct file *from, struct file *to, void *buffer)
 {
 	struct inode *source = file_inode(from);
 	bool locked = !HAS_DEFECT(DEFECT_COPY_LOCK);
-	int err = 0;
+	int err;
 
 	inode_dio_wait(source);
 	inode_dio_wait(file_inode(to));
+	err = make_room(from, to);
+	if (err)
+		return err;
 	if (locked)
 		down_write(&F2FS_I(source)->i_stores);
 	if (!HAS_DEFECT(DEFECT_COPY_WRITE_BACK))
