@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """Validates the documents on standard input, one after the other, against a schema. Each of them must
 also be refused with a member left out or added anywhere, so that the schema says something.
