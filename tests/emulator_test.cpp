@@ -345,7 +345,7 @@ TEST_F(EmulatorTest, LimitsAndMountOptionsAreObeyed) {
     EXPECT_EQ(shell(F2FS_EMULATOR_PATH " backing mount -o ro 2>/dev/null"), "");
     for (const bool is_read_only : {true, false, true}) {
         const unsigned long flags = is_read_only ? MS_REMOUNT | MS_RDONLY : MS_REMOUNT;
-        ASSERT_EQ(mount("", "mount", nullptr, flags, nullptr), 0);
+        ASSERT_EQ(mount("", "mount", "", flags, nullptr), 0);
         errno = 0;
         EXPECT_EQ(ask(openAt("mount/file").get(), F2FS_IOC_MODIFY_CHECK, 0x92, MODIFY_CHECK_SET),
                   is_read_only ? -1 : 0x92);
