@@ -48,8 +48,7 @@ void setUp(CLI::App& app, const std::vector<Verb>& verbs, Options& options) {
     app.require_subcommand(1);
     app.add_option("-s,--store", options.store, "The directory that holds the snapshots")
         ->type_name("DIR")
-        ->envname("F2FS_SNAPSHOT_STORE")
-        ->required();
+        ->envname("F2FS_SNAPSHOT_STORE");
     app.add_flag("--json", options.json, "Write one JSON document instead of text");
     app.add_flag("-q,--quiet", options.quiet, "No progress, no word about success");
     for (const Verb& verb : verbs) {
@@ -208,6 +207,11 @@ const Verb* parseWords(int argc, char** argv, const std::vector<Verb>& verbs, Op
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         status = app.exit(error) == 0 ? SUCCESS : WRONG_USAGE;
+        return nullptr;
+    }
+    if (options.store.empty()) {
+        fputs("f2fs_snapshotctl: no store: give --store DIR, or set F2FS_SNAPSHOT_STORE\n", stderr);
+        status = WRONG_USAGE;
         return nullptr;
     }
     const std::string verb = app.get_subcommands().front()->get_name();

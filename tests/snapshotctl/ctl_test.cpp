@@ -85,6 +85,7 @@ TEST_F(Ctl, EndsWithAStatusForEachKindOfResult) {
         {2, {}, "subcommand is required"},
         {2, {"make"}, ""},
         {2, {"show"}, "NAME is required"},
+        {2, {"list", "--store", ""}, "no store"},
         {2, {"create", "--attempts", "0", source}, "range"},
         {2, {"create", "--attempts", "-1", source}, ""},
         {2, {"prune", "--keep-daily", "x"}, ""},
