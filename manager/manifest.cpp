@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <sstream>
 
 #include "manager/failure.h"
@@ -45,7 +46,10 @@ EntryPointer entryOf(const Recorded& line) {
     archive_entry_set_uid(entry.get(), line.owner);
     archive_entry_set_gid(entry.get(), line.group);
     const int64_t rest = (line.modified % SECOND + SECOND) % SECOND;
-    archive_entry_set_mtime(entry.get(), (line.modified - rest) / SECOND, static_cast<long>(rest));
+    // A time_t of 32 bits ends in 2038.
+    const int64_t seconds =
+        std::min<int64_t>((line.modified - rest) / SECOND, std::numeric_limits<time_t>::max());
+    archive_entry_set_mtime(entry.get(), static_cast<time_t>(seconds), static_cast<long>(rest));
     archive_entry_set_ino64(entry.get(), static_cast<int64_t>(line.inode));
     archive_entry_set_nlink(entry.get(), line.names);
     archive_entry_set_size(entry.get(), static_cast<int64_t>(line.size));

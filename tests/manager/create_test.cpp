@@ -23,7 +23,7 @@ std::function<int64_t()> coarse_clock;
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
     const int64_t given = clock == CLOCK_REALTIME_COARSE && coarse_clock ? coarse_clock() : 0;
     if (given != 0) {
-        *time = {given / 1000000000, given % 1000000000};
+        *time = {static_cast<time_t>(given / 1000000000), static_cast<long>(given % 1000000000)};
         return 0;
     }
     return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
