@@ -302,15 +302,14 @@ TEST_F(CreateTest, ALibraryThatDiesIsToldOf) {
     expectWhole("older");
     int killed = 0;
     for (;; ++killed) {
-        setenv("LD_PRELOAD", F2FS_SNAPSHOT_HOLD_LIBRARY, 1);
-        setenv("F2FS_SNAPSHOT_TEST_NTH", std::to_string(killed + 1).c_str(), 1);
+        preloadHold(killed + 1);
         const auto made = create("a");
         unsetenv("LD_PRELOAD");
         if (made.code == F2FS_SNAPSHOT_OK) {
             break;
         }
         ASSERT_EQ(made.code, F2FS_SNAPSHOT_ERROR_LIBRARY) << made.error.message;
-        EXPECT_NE(strstr(made.error.message, "died: Killed"), nullptr) << made.error.message;
+        ASSERT_NE(strstr(made.error.message, "died: Killed"), nullptr) << made.error.message;
         EXPECT_EQ(list(), std::vector<std::string>{"older"});
         EXPECT_EQ(leftovers(), "./.a.log\n");
     }

@@ -24,6 +24,15 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// With file sizes of 64 bits on 32 bits, glibc's headers give these functions other names.
+#ifdef __USE_FILE_OFFSET64
+constexpr const char* OPEN = "open64";
+constexpr const char* READDIR = "readdir64";
+#else
+constexpr const char* OPEN = "open";
+constexpr const char* READDIR = "readdir";
+#endif
+
 std::string setting(const char* name) {
     const char* text = getenv(name);
     return text == nullptr ? "" : text;
@@ -39,7 +48,7 @@ DIR* ended = nullptr;
 
 int openPipe(const char* name, int flags) {
     const std::string path = setting("F2FS_SNAPSHOT_TEST_PIPES") + name;
-    return next<int(const char*, int, ...)>("open")(path.c_str(), flags | O_CLOEXEC);
+    return next<int(const char*, int, ...)>(OPEN)(path.c_str(), flags | O_CLOEXEC);
 }
 
 void before(const std::string& call, const char* path) {
@@ -73,7 +82,7 @@ int open(const char* path, int flags, ...) {
            : (flags & O_ACCMODE) == O_RDONLY ? "read"
                                              : "open",
            path);
-    return next<int(const char*, int, ...)>("open")(path, flags, mode);
+    return next<int(const char*, int, ...)>(OPEN)(path, flags, mode);
 }
 
 DIR* opendir(const char* path) {
@@ -90,7 +99,7 @@ dirent* readdir(DIR* stream) {
         errno = EIO;
         return nullptr;
     }
-    return next<dirent*(DIR*)>("readdir")(stream);
+    return next<dirent*(DIR*)>(READDIR)(stream);
 }
 
 void __android_log_set_logger(void* logger) {

@@ -131,6 +131,13 @@ class ManagerOnVolume : public VolumeTest {
     f2fs_snapshot_store* store = nullptr;
 };
 
+// Has hold.cpp's library preloaded into the helper, which watches for the nth call.
+inline void preloadHold(int nth) {
+    setenv("LD_PRELOAD", F2FS_SNAPSHOT_HOLD_LIBRARY, 1);
+    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+    setenv("F2FS_SNAPSHOT_TEST_NTH", std::to_string(nth).c_str(), 1);
+}
+
 // Has the next creates hold the library before its nth call of one kind on one path, and the test
 // act there; once.
 class HeldLibrary {
@@ -141,10 +148,8 @@ class HeldLibrary {
         for (const char* name : {"held", "go"}) {
             EXPECT_EQ(mkfifo((pipes_ / name).c_str(), 0600), 0);
         }
-        setenv("LD_PRELOAD", F2FS_SNAPSHOT_HOLD_LIBRARY, 1);
-        setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+        preloadHold(nth);
         setenv("F2FS_SNAPSHOT_TEST_HOLD", call.c_str(), 1);
-        setenv("F2FS_SNAPSHOT_TEST_NTH", std::to_string(nth).c_str(), 1);
         setenv("F2FS_SNAPSHOT_TEST_PIPES", pipes_.c_str(), 1);
         // Open for both, so that neither side waits for the other to open.
         held_ = open((pipes_ / "held").c_str(), O_RDWR | O_CLOEXEC);
