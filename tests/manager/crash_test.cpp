@@ -131,8 +131,10 @@ TEST_F(KilledTest, TheHelperGoesWithItsCaller) {
             EXPECT_EQ(createUnlessBusy("a"), F2FS_SNAPSHOT_OK);
         });
         child = startChild([&] { return create("killed").code; });
-        while (!held.has_acted) {
+        siginfo_t ended = {};
+        while (!held.has_acted && ended.si_pid == 0) {
             usleep(1000);
+            waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
         }
     }  // waits until the above is done
     EXPECT_EQ(status, 128 + SIGKILL);
