@@ -250,7 +250,7 @@ TEST_F(CreateTest, TheClockTickIsWaitedOut) {
         if (++looks == 5) {
             inSource("mkdir m/n");
         }
-        return looks < 5 ? status.st_ctim.tv_sec * 1000000000 + status.st_ctim.tv_nsec : 0;
+        return looks < 5 ? status.st_ctim.tv_sec * INT64_C(1000000000) + status.st_ctim.tv_nsec : 0;
     };
     const auto made = create("a");
     coarse_clock = nullptr;
@@ -287,10 +287,12 @@ TEST_F(CreateTest, ALibraryThatHangsIsEnded) {
     const std::pair<const char*, int32_t> calls[] = {{"open ", F2FS_SNAPSHOT_ERROR_SOURCE},
                                                      {"read ", F2FS_SNAPSHOT_ERROR_TIMEOUT}};
     for (const auto& [call, code] : calls) {
-        HeldLibrary held(volume.root(), call + source + "/b", 1,
-                         [&] { inSource("rm b; mkfifo b"); });
-        const auto made = create("a", options, {source});
-        EXPECT_EQ(made.code, code) << made.error.message;
+        {
+            HeldLibrary held(volume.root(), call + source + "/b", 1,
+                             [&] { inSource("rm b; mkfifo b"); });
+            const auto made = create("a", options, {source});
+            EXPECT_EQ(made.code, code) << made.error.message;
+        }
         EXPECT_EQ(list().size() + leftovers().size(), 0U);
         inSource("rm b; printf old >b");
     }
