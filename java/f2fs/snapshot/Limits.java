@@ -20,7 +20,7 @@ final class Limits {
     /** Rounds up. */
     static long seconds(String what, Duration value, long least, long most) {
         long seconds = value.getSeconds();
-        if (value.getNano() > 0 && seconds < Long.MAX_VALUE) {
+        if (value.getNano() > 0 && seconds >= 0 && seconds < Long.MAX_VALUE) {
             seconds++;
         }
         return require("seconds of " + what, seconds, least, most);

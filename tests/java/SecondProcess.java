@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+import f2fs.snapshot.CreateOptions;
+import f2fs.snapshot.Progress;
+import f2fs.snapshot.SnapshotStore;
+import java.io.IOException;
+import java.io.UncheckedIOException;
+import java.nio.file.Paths;
+
+/** Holds the store STORE in a create of SOURCE, from a line that it prints to one that it reads. */
+final class SecondProcess {
+    private SecondProcess() {}
+
+    public static void main(String[] args) throws IOException {
+        CreateOptions options = CreateOptions.builder().progress(progress -> {
+            if (progress.phase() == Progress.Phase.SYNC) {
+                System.out.println("holding");
+                readLine();
+            }
+        }).build();
+        try (SnapshotStore store = SnapshotStore.open(Paths.get(args[0]))) {
+            store.create(options, Paths.get(args[1])).close();
+        }
+    }
+
+    private static void readLine() {
+        try {
+            while (System.in.read() > '\n') {
+                // the rest of the line
+            }
+        } catch (IOException exception) {
+            throw new UncheckedIOException(exception);
+        }
+    }
+}
