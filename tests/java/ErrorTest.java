@@ -91,11 +91,8 @@ class ErrorTest extends OnVolume {
     @Test
     void aCallCanBeCancelledFromAnotherThread() throws IOException {
         CancelToken token = new CancelToken();
-        CreateOptions options = named("name").cancel(token).progress(progress -> {
-            if (progress.phase() == Progress.Phase.CREATE) {
-                inAnotherThread(token::cancel);
-            }
-        }).build();
+        CreateOptions options = named("name").cancel(token).progress(
+                atFirst(Progress.Phase.CREATE, () -> inAnotherThread(token::cancel))).build();
         assertFails(ErrorCode.CANCELLED, null, () -> store.create(options, source));
         assertEquals(Collections.emptyList(), inStore());
 
@@ -160,12 +157,11 @@ class ErrorTest extends OnVolume {
 
     @Test
     void aCallFromItsOwnListenerIsBusy() throws IOException {
-        CreateOptions options = CreateOptions.builder().progress(progress -> {
-            if (progress.phase() == Progress.Phase.CREATE) {
-                assertDoesNotThrow(() -> assertFails(ErrorCode.BUSY, () -> store.create(source)));
-                assertDoesNotThrow(() -> store.list());
-            }
-        }).build();
+        CreateOptions options = CreateOptions.builder().progress(
+                atFirst(Progress.Phase.CREATE, () -> {
+                    assertFails(ErrorCode.BUSY, () -> store.create(source));
+                    assertDoesNotThrow(() -> store.list());
+                })).build();
         store.create(options, source).close();
     }
 

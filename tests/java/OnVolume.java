@@ -2,6 +2,8 @@
 import f2fs.snapshot.CreateOptions;
 import f2fs.snapshot.ErrorCode;
 import f2fs.snapshot.Finding;
+import f2fs.snapshot.Progress;
+import f2fs.snapshot.ProgressListener;
 import f2fs.snapshot.Snapshot;
 import f2fs.snapshot.SnapshotException;
 import f2fs.snapshot.SnapshotStore;
@@ -15,6 +17,7 @@ import java.util.Comparator;
 import java.util.List;
 import java.util.Map;
 import java.util.TreeMap;
+import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
@@ -101,6 +104,16 @@ abstract class OnVolume {
             snapshot.keep();
         }
         return name;
+    }
+
+    /** Acts at the first report of a phase. There can be more of them, one each tenth of a second. */
+    static ProgressListener atFirst(Progress.Phase phase, Runnable action) {
+        AtomicBoolean acted = new AtomicBoolean();
+        return progress -> {
+            if (progress.phase() == phase && !acted.getAndSet(true)) {
+                action.run();
+            }
+        };
     }
 
     static CreateOptions.Builder named(String name) {

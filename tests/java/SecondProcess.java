@@ -6,7 +6,7 @@ import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.nio.file.Paths;
 
-/** Holds the store STORE in a create of SOURCE, from a line that it prints to one that it reads. */
+/** Holds the store STORE in a create of SOURCE, from a line that it prints to the end of its input. */
 final class SecondProcess {
     private SecondProcess() {}
 
@@ -14,7 +14,7 @@ final class SecondProcess {
         CreateOptions options = CreateOptions.builder().progress(progress -> {
             if (progress.phase() == Progress.Phase.SYNC) {
                 System.out.println("holding");
-                readLine();
+                waitForEnd();
             }
         }).build();
         try (SnapshotStore store = SnapshotStore.open(Paths.get(args[0]))) {
@@ -22,10 +22,10 @@ final class SecondProcess {
         }
     }
 
-    private static void readLine() {
+    private static void waitForEnd() {
         try {
-            while (System.in.read() > '\n') {
-                // the rest of the line
+            while (System.in.read() >= 0) {
+                // not yet
             }
         } catch (IOException exception) {
             throw new UncheckedIOException(exception);

@@ -39,7 +39,8 @@ class SharingTest extends OnVolume {
         Process other = new ProcessBuilder(
                 Paths.get(System.getProperty("java.home"), "bin", "java").toString(), "-cp",
                 System.getProperty("java.class.path"),
-                "-Djava.library.path=" + System.getProperty("java.library.path"), "SecondProcess",
+                "-Djava.library.path=" + System.getProperty("java.library.path"), "-Xcheck:jni",
+                "--enable-native-access=ALL-UNNAMED", "SecondProcess",
                 store.path().toString(), source.toString())
                                 .redirectError(ProcessBuilder.Redirect.INHERIT)
                                 .start();
@@ -67,8 +68,7 @@ class SharingTest extends OnVolume {
                 store.create(source).close();
                 return "done";
             });
-            other.getOutputStream().write('\n');
-            other.getOutputStream().flush();
+            other.getOutputStream().close();
             assertEquals("done", patient.end());
             assertEquals(0, other.waitFor());
         } finally {
@@ -108,11 +108,9 @@ class SharingTest extends OnVolume {
         List<CompletableFuture<Boolean>> calls = new ArrayList<>();
         for (String name : new String[] {"one", "two"}) {
             Path tree = Files.createDirectory(source.resolve(name));
-            CreateOptions options = CreateOptions.builder().progress(progress -> {
-                if (progress.phase() == Progress.Phase.CREATE) {
-                    meet(both); // which only calls that run at the same time can
-                }
-            }).build();
+            // Only calls that run at the same time meet.
+            CreateOptions options = CreateOptions.builder().progress(
+                    atFirst(Progress.Phase.CREATE, () -> meet(both))).build();
             calls.add(CompletableFuture.supplyAsync(() -> {
                 try (SnapshotStore own = SnapshotStore.openOrCreate(top.resolve("store " + name));
                         Snapshot snapshot = own.create(options, tree)) {
@@ -137,14 +135,13 @@ class SharingTest extends OnVolume {
 
     @Test
     void closingAStoreLetsARunningCallEnd() throws IOException {
-        CreateOptions options = CreateOptions.builder().progress(progress -> {
-            if (progress.phase() == Progress.Phase.CREATE) {
-                long before = descriptors();
-                ErrorTest.inAnotherThread(store::close);
-                assertThrows(IllegalStateException.class, store::list);
-                assertEquals(before, descriptors());
-            }
-        }).build();
+        CreateOptions options = CreateOptions.builder().progress(
+                atFirst(Progress.Phase.CREATE, () -> {
+                    long before = descriptors();
+                    ErrorTest.inAnotherThread(store::close);
+                    assertThrows(IllegalStateException.class, store::list);
+                    assertEquals(before, descriptors());
+                })).build();
         try (Snapshot snapshot = store.create(options, source)) {
             assertTrue(Files.exists(snapshot.path()));
             assertEquals(1, descriptors()); // the snapshot's
@@ -232,13 +229,12 @@ class SharingTest extends OnVolume {
             Path file = source.resolve("file with a long name to make the finding large " + i);
             vanishing.add(write(file, ""));
         }
-        CreateOptions options = named("name").attempts(1).progress(progress -> {
-            if (progress.phase() == Progress.Phase.CREATE) {
-                for (Path file : vanishing.subList(0, 100)) {
-                    assertTrue(file.toFile().delete());
-                }
-            }
-        }).build();
+        CreateOptions options = named("name").attempts(1).progress(
+                atFirst(Progress.Phase.CREATE, () -> {
+                    for (Path file : vanishing.subList(0, 100)) {
+                        assertTrue(file.toFile().delete());
+                    }
+                })).build();
         try (Snapshot snapshot = store.create(options, source);
                 Stream<Path> files = Files.list(snapshot.pathOf(source))) {
             snapshot.keep();

@@ -281,11 +281,8 @@ class StoreTest extends OnVolume {
     @Test
     void aRenameIsReported() throws IOException {
         write(source.resolve("before"), "");
-        CreateOptions.Builder options = named("name").attempts(1).progress(progress -> {
-            if (progress.phase() == Progress.Phase.CREATE) {
-                rename();
-            }
-        });
+        CreateOptions.Builder options =
+                named("name").attempts(1).progress(atFirst(Progress.Phase.CREATE, this::rename));
         try (Snapshot snapshot = store.create(options.build(), source)) {
             assertFalse(snapshot.info().isWhole());
             List<String> findings = kinds(snapshot.info().findings());
@@ -295,7 +292,8 @@ class StoreTest extends OnVolume {
             assertNotEquals(0, snapshot.info().findings().get(0).message().length());
         }
         rename(); // back
-        assertFails(ErrorCode.NOT_WHOLE, () -> store.create(options.strict(true).build(), source));
+        options.strict(true).progress(atFirst(Progress.Phase.CREATE, this::rename));
+        assertFails(ErrorCode.NOT_WHOLE, () -> store.create(options.build(), source));
         assertEquals(Collections.emptyList(), names());
     }
 
