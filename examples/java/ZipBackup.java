@@ -49,11 +49,10 @@ public final class ZipBackup {
     static int backUp(Path directory, Path store, Path zip) throws IOException {
         CreateOptions options = CreateOptions.builder()
                 .strict(true)
-                .progress(progress -> System.err.print("\r" + progress + "\033[K"))
+                .progress(progress -> System.err.println(progress))
                 .build();
         try (SnapshotStore opened = SnapshotStore.openOrCreate(store);
                 Snapshot snapshot = opened.create(options, directory)) {
-            System.err.println();
             return pack(snapshot.pathOf(directory), zip);
         }
     }
