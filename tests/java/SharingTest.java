@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -162,6 +163,7 @@ class SharingTest extends OnVolume {
         assertEquals(0, store.openSnapshot("name").info().filesAgain());
         assertTrue(descriptors() > 1);
         while (descriptors() > 1) {
+            assertFalse(Thread.interrupted(), "by the time limit");
             System.gc();
             SnapshotStore.open(top.resolve("store")).close();
         }
@@ -201,6 +203,7 @@ class SharingTest extends OnVolume {
         listener = null;
         token = null;
         while (references.stream().anyMatch(one -> one.get() != null)) {
+            assertFalse(Thread.interrupted(), "by the time limit");
             System.gc();
         }
     }

@@ -237,7 +237,8 @@ class StoreTest extends OnVolume {
         });
         CreateOptions options = CreateOptions.builder().progress(progress -> {
             int before = written.get();
-            while (progress.phase() == Progress.Phase.CREATE && written.get() < before + 2) {
+            while (progress.phase() == Progress.Phase.CREATE && written.get() < before + 2
+                    && !writer.isDone()) {
                 Thread.yield(); // so that files change during the call
             }
         }).build();
