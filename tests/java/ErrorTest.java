@@ -1,39 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
-import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertSame;
-import static org.junit.jupiter.api.Assertions.assertThrows;
-import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assertions.*;
 
-import f2fs.snapshot.CancelToken;
-import f2fs.snapshot.CreateOptions;
-import f2fs.snapshot.ErrorCode;
-import f2fs.snapshot.Finding;
-import f2fs.snapshot.Progress;
-import f2fs.snapshot.ProgressListener;
-import f2fs.snapshot.PruneOptions;
-import f2fs.snapshot.RestoreOptions;
-import f2fs.snapshot.Snapshot;
-import f2fs.snapshot.SnapshotException;
-import f2fs.snapshot.SnapshotStore;
-import java.io.ByteArrayInputStream;
-import java.io.ByteArrayOutputStream;
+import f2fs.snapshot.*;
 import java.io.IOException;
-import java.io.ObjectInputStream;
-import java.io.ObjectOutputStream;
 import java.lang.reflect.Field;
-import java.nio.file.Files;
-import java.nio.file.Path;
-import java.nio.file.Paths;
+import java.net.URI;
+import java.nio.file.*;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.time.Duration;
-import java.util.Arrays;
-import java.util.Collections;
-import java.util.List;
-import java.util.Map;
-import java.util.Optional;
-import java.util.TreeMap;
+import java.util.*;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import org.junit.jupiter.api.Test;
@@ -192,8 +167,7 @@ class ErrorTest extends OnVolume {
 
     @Test
     void parametersThatNoCallAcceptsAreRefusedAtOnce() {
-        Path foreign = java.nio.file.FileSystems.getFileSystem(java.net.URI.create("jrt:/"))
-                               .getPath("/modules");
+        Path foreign = Paths.get(URI.create("jrt:/java.base"));
         List<Executable> calls = Arrays.asList(() -> store.create(Paths.get("")),
                 () -> store.create(foreign), () -> SnapshotStore.open(Paths.get("")),
                 () -> CreateOptions.builder().attempts(0),
@@ -212,21 +186,6 @@ class ErrorTest extends OnVolume {
         }
     }
 
-    @Test
-    void anExceptionCanBeSerialized() throws Exception {
-        Path missing = top.resolve("missing");
-        SnapshotException thrown =
-                assertFails(ErrorCode.SYSTEM, missing, () -> SnapshotStore.open(missing));
-        ByteArrayOutputStream bytes = new ByteArrayOutputStream();
-        try (ObjectOutputStream out = new ObjectOutputStream(bytes)) {
-            out.writeObject(thrown);
-        }
-        SnapshotException read = (SnapshotException) new ObjectInputStream(
-                new ByteArrayInputStream(bytes.toByteArray())).readObject();
-        assertEquals(Optional.of(missing), read.path());
-        assertEquals(thrown.getMessage(), read.getMessage());
-    }
-
     /** Each number of the C header has its name here, and the other way round. */
     @Test
     void numbersAreThoseOfTheHeader() throws Exception {
@@ -234,10 +193,8 @@ class ErrorTest extends OnVolume {
         checkNumbers(header, "ERROR_", ErrorCode.values());
         checkNumbers(header, "PHASE_", Progress.Phase.values());
         checkNumbers(header, "FOUND_", Finding.Kind.values());
-        Map<String, Integer> severities = new TreeMap<>(numbersOf(Finding.Severity.values()));
-        severities.forEach((name, number)
-                -> assertTrue(header.contains("F2FS_SNAPSHOT_" + name + " = " + number + ",")
-                        || header.contains("F2FS_SNAPSHOT_" + name + " = " + number + " "), name));
+        checkNumbers(header.replaceAll("F2FS_SNAPSHOT_(FAILS|UNCOVERED|NOTE) ", "F2FS_SNAPSHOT_SEVERITY_$1 "),
+                "SEVERITY_", Finding.Severity.values());
     }
 
     private static void checkNumbers(String header, String prefix, Enum<?>[] values)

@@ -1,25 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertThrows;
-import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assertions.*;
 
-import f2fs.snapshot.ErrorCode;
-import f2fs.snapshot.RestoreOptions;
-import f2fs.snapshot.Snapshot;
-import f2fs.snapshot.SnapshotEntry;
-import f2fs.snapshot.SnapshotStore;
+import f2fs.snapshot.*;
 import java.io.IOException;
 import java.lang.reflect.Proxy;
 import java.net.URI;
-import java.nio.file.FileSystems;
-import java.nio.file.Files;
-import java.nio.file.InvalidPathException;
-import java.nio.file.Path;
-import java.nio.file.Paths;
-import java.util.Arrays;
-import java.util.Collections;
-import java.util.List;
+import java.nio.file.*;
+import java.util.*;
 import org.junit.jupiter.api.Test;
 
 /** Names of any bytes, in any locale: run with the C locale as well. */

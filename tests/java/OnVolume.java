@@ -1,29 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-import f2fs.snapshot.CreateOptions;
-import f2fs.snapshot.ErrorCode;
-import f2fs.snapshot.Finding;
-import f2fs.snapshot.Progress;
-import f2fs.snapshot.ProgressListener;
-import f2fs.snapshot.Snapshot;
-import f2fs.snapshot.SnapshotException;
-import f2fs.snapshot.SnapshotStore;
+import f2fs.snapshot.*;
 import java.io.IOException;
 import java.net.URI;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
-import java.nio.file.Paths;
-import java.util.Comparator;
-import java.util.List;
-import java.util.Map;
-import java.util.TreeMap;
+import java.nio.file.*;
+import java.util.*;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
-import org.junit.jupiter.api.AfterEach;
-import org.junit.jupiter.api.Assertions;
-import org.junit.jupiter.api.BeforeEach;
-import org.junit.jupiter.api.Timeout;
+import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.function.Executable;
 
 /** An empty source and a store on the volume F2FS_SNAPSHOT_TEST_VOLUME. */

@@ -1,33 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertThrows;
-import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assertions.*;
 
-import f2fs.snapshot.CancelToken;
-import f2fs.snapshot.CreateOptions;
-import f2fs.snapshot.ErrorCode;
-import f2fs.snapshot.Progress;
-import f2fs.snapshot.ProgressListener;
-import f2fs.snapshot.Snapshot;
-import f2fs.snapshot.SnapshotException;
-import f2fs.snapshot.SnapshotStore;
-import java.io.BufferedReader;
-import java.io.IOException;
-import java.io.InputStreamReader;
+import f2fs.snapshot.*;
+import java.io.*;
 import java.lang.ref.WeakReference;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
-import java.nio.file.Paths;
+import java.nio.file.*;
 import java.time.Duration;
-import java.util.ArrayList;
-import java.util.List;
-import java.util.concurrent.Callable;
-import java.util.concurrent.CompletableFuture;
-import java.util.concurrent.CyclicBarrier;
-import java.util.concurrent.ExecutionException;
-import java.util.concurrent.FutureTask;
+import java.util.*;
+import java.util.concurrent.*;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import java.util.stream.Stream;
@@ -190,22 +171,20 @@ class SharingTest extends OnVolume {
 
     @Test
     void aCallHoldsNeitherListenerNorToken() throws IOException {
-        ProgressListener listener = new ProgressListener() {
-            @Override
-            public void onProgress(Progress progress) {}
-        };
-        CancelToken token = new CancelToken();
-        store.create(CreateOptions.builder().progress(listener).cancel(token).build(), source)
-                .close();
-        List<WeakReference<?>> references = new ArrayList<>();
-        references.add(new WeakReference<>(listener));
-        references.add(new WeakReference<>(token));
-        listener = null;
-        token = null;
-        while (references.stream().anyMatch(one -> one.get() != null)) {
-            assertFalse(Thread.interrupted(), "by the time limit");
-            System.gc();
+        for (WeakReference<?> reference : callAndForget()) {
+            while (reference.get() != null) {
+                assertFalse(Thread.interrupted(), "by the time limit");
+                System.gc();
+            }
         }
+    }
+
+    private List<WeakReference<?>> callAndForget() throws IOException {
+        int[] calls = {0};
+        ProgressListener listener = progress -> calls[0]++; // an object of this call
+        CancelToken token = new CancelToken();
+        store.create(named("name").progress(listener).cancel(token).build(), source).close();
+        return Arrays.asList(new WeakReference<>(listener), new WeakReference<>(token));
     }
 
     /** With results so large that one which is not freed shows. */
@@ -255,6 +234,7 @@ class SharingTest extends OnVolume {
         try (SnapshotStore own = SnapshotStore.open(store.path())) {
             assertEquals(100, own.verify("name", listener, new CancelToken()).findings().size());
             assertEquals(11, own.list().size());
+            own.prune(PruneOptions.builder().keepLast(1).dryRun(true).build());
             assertFails(ErrorCode.NOT_FOUND, () -> own.openSnapshot("none"));
             try (Snapshot snapshot = own.openSnapshot("name")) {
                 assertEquals(101, snapshot.info().findings().size());

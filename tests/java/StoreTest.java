@@ -1,38 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertNotEquals;
-import static org.junit.jupiter.api.Assertions.assertThrows;
-import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assertions.*;
 
-import f2fs.snapshot.CreateOptions;
-import f2fs.snapshot.ErrorCode;
-import f2fs.snapshot.Progress;
-import f2fs.snapshot.PruneEntry;
-import f2fs.snapshot.PruneOptions;
-import f2fs.snapshot.Report;
-import f2fs.snapshot.RestoreOptions;
-import f2fs.snapshot.Snapshot;
-import f2fs.snapshot.SnapshotEntry;
-import f2fs.snapshot.SnapshotException;
-import f2fs.snapshot.SnapshotInfo;
-import f2fs.snapshot.SnapshotStore;
+import f2fs.snapshot.*;
 import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.nio.channels.FileChannel;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
-import java.nio.file.Paths;
-import java.nio.file.StandardOpenOption;
+import java.nio.file.*;
 import java.time.Duration;
 import java.time.Instant;
-import java.util.ArrayList;
-import java.util.Arrays;
-import java.util.Collections;
-import java.util.EnumSet;
-import java.util.List;
-import java.util.Set;
+import java.util.*;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicInteger;
@@ -62,6 +39,7 @@ class StoreTest extends OnVolume {
             assertEquals(tree(source), tree(snapshot.pathOf(source)));
             checkInfo(snapshot.info(), before);
             assertEquals(Collections.singletonList(snapshot.name()), names());
+            assertTrue(SnapshotStore.version().matches("\\d+\\.\\d+\\.\\d+"));
         }
         assertFalse(Files.exists(path));
         assertEquals(Collections.emptyList(), inStore());
@@ -307,10 +285,5 @@ class StoreTest extends OnVolume {
         } catch (IOException exception) {
             throw new IllegalStateException(exception);
         }
-    }
-
-    @Test
-    void versionIsTold() {
-        assertTrue(SnapshotStore.version().matches("\\d+\\.\\d+\\.\\d+"));
     }
 }

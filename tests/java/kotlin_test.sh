@@ -9,7 +9,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work" "$F2FS_SNAPSHOT_TEST_VOLUME"/kotlin' EXIT
 
 example=$source/examples/java/FirstSnapshot.kt
-diff <(sed '1d' "$example") <(sed -n '/^```kotlin$/,/^```$/{/^```/d; p}' "$source/docs/java.md")
+diff <(sed '1d' "$example") <(sed -n '/^\x60\{3\}kotlin$/,/^\x60\{3\}$/{/^\x60/d; p}' "$source/docs/java.md")
 kotlin=/usr/share/java/kotlin-stdlib.jar:/usr/share/java/kotlin-stdlib-jdk7.jar
 "$kotlinc" -cp "$api:$kotlin" "$example" -d "$work/first.jar"
 mkdir -p "$F2FS_SNAPSHOT_TEST_VOLUME/kotlin/photos"
