@@ -5,6 +5,7 @@ import f2fs.snapshot.SnapshotStore;
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.nio.file.Paths;
+import java.time.Duration;
 
 /** Holds the store STORE in a create of SOURCE, from a line that it prints to the end of its input. */
 final class SecondProcess {
@@ -18,6 +19,7 @@ final class SecondProcess {
             }
         }).build();
         try (SnapshotStore store = SnapshotStore.open(Paths.get(args[0]))) {
+            store.setBusyTimeout(Duration.ofDays(1)); // the other one can come before the close
             store.create(options, Paths.get(args[1])).close();
         }
     }
