@@ -35,7 +35,7 @@ auto guarded(JNIEnv* env, Body body) noexcept -> decltype(body()) {
     } catch (const JavaException&) {
         // pending
     } catch (const std::bad_alloc&) {
-        const jclass error = env->FindClass("java/lang/OutOfMemoryError");
+        jclass error = env->FindClass("java/lang/OutOfMemoryError");
         if (error != nullptr) {
             env->ThrowNew(error, "native memory");
         }
@@ -44,6 +44,7 @@ auto guarded(JNIEnv* env, Body body) noexcept -> decltype(body()) {
 }
 
 f2fs_snapshot_store* storeAt(jlong address) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): Java has no other type for an address
     return reinterpret_cast<f2fs_snapshot_store*>(static_cast<uintptr_t>(address));
 }
 
@@ -277,7 +278,7 @@ bool registerMethods(JNIEnv* env) {
         method("destroy", "(J[B" CALLBACKS ")V", destroy),
         method("prune", "(JIIIIIIJZ" CALLBACKS ")[Lf2fs/snapshot/PruneEntry;", prune),
     };
-    const jclass type = env->FindClass("f2fs/snapshot/Native");
+    jclass type = env->FindClass("f2fs/snapshot/Native");
     return type != nullptr &&
            env->RegisterNatives(type, methods, static_cast<jint>(std::size(methods))) == JNI_OK;
 }
