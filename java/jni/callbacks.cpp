@@ -27,7 +27,6 @@ void Callbacks::report(void* context, const f2fs_snapshot_progress* progress) {
         static_cast<jint>(progress->attempt), static_cast<jint>(progress->pass),
         static_cast<jlong>(progress->files_done), static_cast<jlong>(progress->files_total),
         static_cast<jlong>(progress->files_again));
-    self.env_->ExceptionCheck();  // isCancelled looks at it; the VM's checks want it looked at here
 }
 
 int Callbacks::isCancelled(void* context) {

@@ -35,7 +35,7 @@ class ErrorTest extends OnVolume {
         assertFails(ErrorCode.SOURCE, missing, () -> store.create(missing));
         assertFails(ErrorCode.NAME, Paths.get(".n"),
                 () -> store.create(named(".n").build(), source));
-        assertFails(ErrorCode.NAME, null, () -> store.create(named("\0").build(), source));
+        assertFails(ErrorCode.NAME, null, () -> store.create(named("a\0b").build(), source));
         assertFails(ErrorCode.NAME, null, () -> store.openSnapshot("half \uD83D"));
         assertFails(ErrorCode.EXISTS, store.path().resolve("there"),
                 () -> store.create(named("there").build(), source));
@@ -110,7 +110,10 @@ class ErrorTest extends OnVolume {
                         ErrorTest.<RuntimeException>sneak(thrown);
                     }
                 };
-                CreateOptions options = CreateOptions.builder().progress(listener).build();
+                CreateOptions options = CreateOptions.builder()
+                                                .progress(listener)
+                                                .cancel(new CancelToken())
+                                                .build();
                 assertSame(thrown,
                         assertThrows(thrown.getClass(), () -> store.create(options, source)));
                 assertEquals(1, calls[0]);
@@ -166,8 +169,10 @@ class ErrorTest extends OnVolume {
     }
 
     @Test
-    void parametersThatNoCallAcceptsAreRefusedAtOnce() {
-        Path foreign = Paths.get(URI.create("jrt:/java.base"));
+    void parametersThatNoCallAcceptsAreRefusedAtOnce() throws IOException {
+        URI zip = URI.create("jar:" + top.resolve("zip").toUri());
+        FileSystem other = FileSystems.newFileSystem(zip, Collections.singletonMap("create", "true"));
+        Path foreign = other.getPath("/");
         List<Executable> calls = Arrays.asList(() -> store.create(Paths.get("")),
                 () -> store.create(foreign), () -> SnapshotStore.open(Paths.get("")),
                 () -> CreateOptions.builder().attempts(0),
@@ -184,6 +189,7 @@ class ErrorTest extends OnVolume {
         for (Executable call : nulls) {
             assertThrows(NullPointerException.class, call);
         }
+        other.close();
     }
 
     /** Each number of the C header has its name here, and the other way round. */

@@ -190,7 +190,7 @@ class SharingTest extends OnVolume {
     /** With results so large that one which is not freed shows. */
     @Test
     void manyCallsTakeNoMemory() throws IOException {
-        final int rounds = IS_LONG ? 10_000 : 300;
+        final int rounds = IS_LONG ? 10_000 : 150;
         makeLargeResults();
         Path tree = Files.createDirectory(top.resolve("tree"));
         for (int i = 0; i < rounds / 3; i++) {
