@@ -69,6 +69,7 @@ class StoreTest extends OnVolume {
         }
         try (Snapshot snapshot = store.openSnapshot("first")) {
             assertTrue(snapshot.isKept());
+            assertFalse(snapshot.info().hasDigests());
             assertEquals("kept", read(snapshot.pathOf(source.resolve("file"))));
             assertTrue(store.diskUsage("first") >= 4);
         }
