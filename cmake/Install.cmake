@@ -116,6 +116,15 @@ if(F2FS_SNAPSHOT_MANAGER)
     endif()
 endif()
 
+if(TARGET f2fs_snapshot_java)
+    set_target_properties(f2fs_snapshot_java PROPERTIES
+        BUILD_WITH_INSTALL_RPATH ON
+        INSTALL_RPATH "$ORIGIN")
+    install(TARGETS f2fs_snapshot_java)
+    get_target_property(java_api_jar f2fs_snapshot_jar JAR_FILE)
+    install(FILES ${java_api_jar} ${java_api_documents} DESTINATION ${CMAKE_INSTALL_DATADIR}/java)
+endif()
+
 if(NOT ANDROID)
     install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md
             DESTINATION ${CMAKE_INSTALL_DOCDIR})

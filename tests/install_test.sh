@@ -44,7 +44,7 @@ END
 
 # Uses the installation below a prefix: its programs, and its library in both ways.
 use() {
-    local prefix=$1 config flags
+    local prefix=$1 config flags library
     "$prefix/bin/f2fs_snapshot" pre ""
     [[ ! -e $build/emulator/f2fs_emulator ]] || "$prefix/bin/f2fs_emulator" --version
     if [[ -e $build/manager/f2fs_snapshotctl ]]; then
@@ -53,6 +53,15 @@ use() {
         "$prefix/bin/f2fs_snapshotctl" -s "$work/store" create "$work/outside" 2>"$work/errors" &&
             exit 1
         grep 'has no driver' "$work/errors"
+        rmdir "$work/store"
+    fi
+    if [[ -e $build/java/f2fs_snapshot.jar ]]; then
+        # Gets as far, through the jar and its native library.
+        library=$(find "$prefix"/lib* -name libf2fs_snapshot_java.so)
+        java -cp "$prefix/share/java/f2fs_snapshot.jar" -Djava.library.path="${library%/*}" \
+            "$source/examples/java/FirstSnapshot.java" "$work/outside" "$work/store" \
+            2>"$work/errors" && exit 1
+        grep 'SnapshotException.* has no driver' "$work/errors"
         rmdir "$work/store"
     fi
 

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+// Java values as C++ values, and back. A function that a Java exception ends throws JavaException.
+#pragma once
+
+#include <jni.h>
+
+#include <string>
+#include <vector>
+
+// A Java exception is pending. Nothing but references may be released until the VM has it.
+struct JavaException {};
+
+inline void throwIfPending(JNIEnv* env) {
+    if (env->ExceptionCheck() == JNI_TRUE) {
+        throw JavaException();
+    }
+}
+
+// A local reference, deleted with this object: a list can have more entries than a frame has room.
+template <typename Reference>
+class Local {
+  public:
+    // `reference` is what a function of `env` has just returned.
+    Local(JNIEnv* env, Reference reference) : env_(env), reference_(reference) {
+        throwIfPending(env);
+    }
+    ~Local() {
+        env_->DeleteLocalRef(reference_);
+    }
+    Local(const Local&) = delete;
+    Local& operator=(const Local&) = delete;
+    Local(Local&& other) noexcept : env_(other.env_), reference_(other.release()) {}
+    Local& operator=(Local&&) = delete;
+
+    Reference get() const {
+        return reference_;
+    }
+    Reference release() {
+        const Reference reference = reference_;
+        reference_ = nullptr;
+        return reference;
+    }
+
+  private:
+    JNIEnv* env_;
+    Reference reference_;
+};
+
+// `array` may be null: "".
+std::string stringOf(JNIEnv* env, jbyteArray array);
+// `arrays` may be null: no strings.
+std::vector<std::string> stringsOf(JNIEnv* env, jobjectArray arrays);
+std::vector<const char*> pointersTo(const std::vector<std::string>& strings);
+
+Local<jbyteArray> newBytes(JNIEnv* env, const char* text);

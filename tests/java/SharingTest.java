@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: Apache-2.0
+import static org.junit.jupiter.api.Assertions.*;
+
+import f2fs.snapshot.*;
+import java.io.*;
+import java.lang.ref.WeakReference;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.*;
+import java.time.Duration;
+import java.util.*;
+import java.util.concurrent.*;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+
+/** Several threads and processes, objects that nobody closed, and many calls. */
+class SharingTest extends OnVolume {
+    @Test
+    void twoProcessesTakeTurns() throws Exception {
+        Process other = new ProcessBuilder(
+                Paths.get(System.getProperty("java.home"), "bin", "java").toString(), "-cp",
+                System.getProperty("java.class.path"),
+                "-Djava.library.path=" + System.getProperty("java.library.path"), "-Xcheck:jni",
+                "--enable-native-access=ALL-UNNAMED", "SecondProcess",
+                store.path().toString(), source.toString())
+                                .redirectError(ProcessBuilder.Redirect.INHERIT)
+                                .start();
+        try {
+            BufferedReader out = new BufferedReader(
+                    new InputStreamReader(other.getInputStream(), StandardCharsets.UTF_8));
+            assertEquals("holding", out.readLine());
+            assertFails(ErrorCode.BUSY, () -> store.create(source));
+
+            store.setBusyTimeout(Duration.ofDays(1));
+            CancelToken token = new CancelToken();
+            Waiting cancelled = new Waiting(() -> {
+                store.create(CreateOptions.builder().cancel(token).build(), source).close();
+                return null;
+            });
+            token.cancel();
+            assertFails(ErrorCode.CANCELLED, cancelled::end);
+            Waiting interrupted = new Waiting(() -> {
+                assertFails(ErrorCode.BUSY, () -> store.create(source));
+                return Thread.interrupted();
+            });
+            interrupted.thread.interrupt();
+            assertEquals(true, interrupted.end());
+            Waiting patient = new Waiting(() -> {
+                store.create(source).close();
+                return "done";
+            });
+            other.getOutputStream().close();
+            assertEquals("done", patient.end());
+            assertEquals(0, other.waitFor());
+        } finally {
+            other.destroyForcibly().waitFor();
+        }
+    }
+
+    /** A thread with a call that waits for its turn. */
+    private static final class Waiting {
+        private final FutureTask<Object> task;
+        final Thread thread;
+
+        Waiting(Callable<Object> call) {
+            task = new FutureTask<>(call);
+            thread = new Thread(task);
+            thread.start();
+            while (thread.getState() != Thread.State.TIMED_WAITING && thread.isAlive()) {
+                Thread.yield();
+            }
+        }
+
+        Object end() throws Exception {
+            try {
+                return task.get();
+            } catch (ExecutionException exception) {
+                if (exception.getCause() instanceof SnapshotException) {
+                    throw(SnapshotException) exception.getCause();
+                }
+                throw exception;
+            }
+        }
+    }
+
+    @Test
+    void callsOnDifferentStoresRunSideBySide() throws Exception {
+        CyclicBarrier both = new CyclicBarrier(2);
+        List<CompletableFuture<Boolean>> calls = new ArrayList<>();
+        for (String name : new String[] {"one", "two"}) {
+            Path tree = Files.createDirectory(source.resolve(name));
+            // Only calls that run at the same time meet.
+            CreateOptions options = CreateOptions.builder().progress(
+                    atFirst(Progress.Phase.CREATE, () -> meet(both))).build();
+            calls.add(CompletableFuture.supplyAsync(() -> {
+                try (SnapshotStore own = SnapshotStore.openOrCreate(top.resolve("store " + name));
+                        Snapshot snapshot = own.create(options, tree)) {
+                    return snapshot.info().isWhole();
+                } catch (SnapshotException exception) {
+                    throw new IllegalStateException(exception);
+                }
+            }));
+        }
+        for (CompletableFuture<Boolean> call : calls) {
+            assertTrue(call.get());
+        }
+    }
+
+    private static void meet(CyclicBarrier barrier) {
+        try {
+            barrier.await();
+        } catch (Exception exception) {
+            throw new IllegalStateException(exception);
+        }
+    }
+
+    @Test
+    void closingAStoreLetsARunningCallEnd() throws IOException {
+        CreateOptions options = CreateOptions.builder().progress(
+                atFirst(Progress.Phase.CREATE, () -> {
+                    long before = descriptors();
+                    ErrorTest.inAnotherThread(store::close);
+                    assertThrows(IllegalStateException.class, store::list);
+                    assertEquals(before, descriptors());
+                })).build();
+        try (Snapshot snapshot = store.create(options, source)) {
+            assertTrue(Files.exists(snapshot.path()));
+            assertEquals(1, descriptors()); // the snapshot's
+        }
+        assertEquals(0, descriptors());
+        try (Stream<Path> left = Files.list(top.resolve("store"))) {
+            assertEquals(0, left.count());
+        }
+    }
+
+    @Test
+    void aForgottenStoreIsFreed() throws IOException {
+        final int forgotten = 20;
+        for (int i = 0; i < forgotten; i++) {
+            SnapshotStore.open(top.resolve("store")).list();
+        }
+        keep("name");
+        assertEquals(0, store.openSnapshot("name").info().filesAgain());
+        assertTrue(descriptors() > 1);
+        while (descriptors() > 1) {
+            assertFalse(Thread.interrupted(), "by the time limit");
+            System.gc();
+            SnapshotStore.open(top.resolve("store")).close();
+        }
+        store.list(); // this one is in use
+    }
+
+    /** How many descriptors of the store this process has: one for each native store. */
+    private long descriptors() {
+        Path directory = top.resolve("store");
+        try (Stream<Path> links = Files.list(Paths.get("/proc/self/fd"))) {
+            return links.filter(path -> isLinkTo(path, directory)).count();
+        } catch (IOException exception) {
+            throw new IllegalStateException(exception);
+        }
+    }
+
+    private static boolean isLinkTo(Path link, Path target) {
+        try {
+            return Files.readSymbolicLink(link).equals(target);
+        } catch (IOException exception) {
+            return false; // closed meanwhile
+        }
+    }
+
+    @Test
+    void aCallHoldsNeitherListenerNorToken() throws IOException {
+        for (WeakReference<?> reference : callAndForget()) {
+            while (reference.get() != null) {
+                assertFalse(Thread.interrupted(), "by the time limit");
+                System.gc();
+            }
+        }
+    }
+
+    private List<WeakReference<?>> callAndForget() throws IOException {
+        int[] calls = {0};
+        ProgressListener listener = progress -> calls[0]++; // an object of this call
+        CancelToken token = new CancelToken();
+        store.create(named("name").progress(listener).cancel(token).build(), source).close();
+        return Arrays.asList(new WeakReference<>(listener), new WeakReference<>(token));
+    }
+
+    /** With results so large that one which is not freed shows. */
+    @Test
+    void manyCallsTakeNoMemory() throws IOException {
+        final int rounds = IS_LONG ? 10_000 : 150;
+        makeLargeResults();
+        Path tree = Files.createDirectory(top.resolve("tree"));
+        for (int i = 0; i < rounds / 3; i++) {
+            callAll(i, tree);
+        }
+        long before = residentKilobytes();
+        for (int i = 0; i < rounds; i++) {
+            callAll(i, tree);
+        }
+        long growth = residentKilobytes() - before;
+        assertTrue(growth < 3 * 1024, growth + " KiB more after " + rounds + " rounds");
+    }
+
+    /** 100 findings in the snapshot's information, 100 in its report, 5 KiB for a damaged one. */
+    private void makeLargeResults() throws IOException {
+        List<Path> vanishing = new ArrayList<>();
+        for (int i = 0; i < 200; i++) {
+            Path file = source.resolve("file with a long name to make the finding large " + i);
+            vanishing.add(write(file, ""));
+        }
+        CreateOptions options = named("name").attempts(1).progress(
+                atFirst(Progress.Phase.CREATE, () -> {
+                    for (Path file : vanishing.subList(0, 100)) {
+                        assertTrue(file.toFile().delete());
+                    }
+                })).build();
+        try (Snapshot snapshot = store.create(options, source);
+                Stream<Path> files = Files.list(snapshot.pathOf(source))) {
+            snapshot.keep();
+            for (Path file : list(files)) {
+                Files.delete(file);
+            }
+        }
+        for (int i = 0; i < 10; i++) {
+            Files.createDirectory(store.path().resolve("damaged" + i));
+        }
+    }
+
+    private void callAll(int round, Path tree) throws IOException {
+        ProgressListener listener = progress -> {};
+        try (SnapshotStore own = SnapshotStore.open(store.path())) {
+            assertEquals(100, own.verify("name", listener, new CancelToken()).findings().size());
+            assertEquals(11, own.list().size());
+            own.prune(PruneOptions.builder().keepLast(1).dryRun(true).build());
+            assertFails(ErrorCode.NOT_FOUND, () -> own.openSnapshot("none"));
+            try (Snapshot snapshot = own.openSnapshot("name")) {
+                assertEquals(101, snapshot.info().findings().size());
+            }
+            if (round % 50 == 0) {
+                own.create(CreateOptions.builder().progress(listener).build(), tree).close();
+            }
+        }
+    }
+
+    private static long residentKilobytes() throws IOException {
+        Matcher line = Pattern.compile("VmRSS:\\s*(\\d+) kB")
+                               .matcher(read(Paths.get("/proc/self/status")));
+        assertTrue(line.find());
+        return Long.parseLong(line.group(1));
+    }
+}
