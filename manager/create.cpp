@@ -300,7 +300,8 @@ void Creation::compareSource(const Source& source, Listing& listing) {
         if (walk.error() != 0 || entry.inode != walk.attributes().stx_ino ||
             entry.type() != walk.type() ||
             (entry.type() == S_IFLNK && walk.linkText() != listed->linkText())) {
-            change(F2FS_SNAPSHOT_FOUND_REPLACED, listed->path(), "its name now leads to another file, directory or link");
+            change(F2FS_SNAPSHOT_FOUND_REPLACED, listed->path(),
+                   "its name now leads to another file, directory or link");
             return false;
         }
         compareEntry(walk, listed->entry(), listed->path());
