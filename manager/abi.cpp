@@ -84,6 +84,7 @@ CreateRequest requestOf(const char* const* sources, size_t count,
     request.name = options.name != nullptr ? options.name : nameOfNow();
     request.strict = options.strict != 0;
     request.digests = options.digests != 0;
+    request.is_temporary = options.temporary != 0;
     request.attempts = options.attempts != 0 ? options.attempts : ATTEMPTS;
     request.time_limit =
         std::chrono::seconds(options.time_limit != 0 ? options.time_limit : TIME_LIMIT);

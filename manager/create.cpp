@@ -103,6 +103,7 @@ class Creation {
         info_.name = request.name;
         info_.path = store.pathOf(request.name) + "/snapshot";
         info_.has_digests = request.digests;
+        info_.is_temporary = request.is_temporary;
     }
     Info run();
 
@@ -447,7 +448,8 @@ void Creation::explain(const std::string& reason) {
         message = "files in " + shown(path) + " kept changing: call again when less is written";
     } else if (!changes_.empty()) {
         path = changes_.front().path;
-        message = reason + " because the trees changed: " + changes_.front().message;
+        message = reason + " because the trees changed: " + changes_.front().message +
+                  "; nothing is kept, call again";
     } else {
         const Report report = checkSources(store_, sources_, request_.name, monitor_);
         for (const Finding& finding : report.findings) {

@@ -16,6 +16,7 @@ struct CreateRequest {
     std::string name;
     bool strict = false;
     bool digests = false;
+    bool is_temporary = false;
     uint32_t attempts = 0;
     std::chrono::seconds time_limit;
     std::string helper;  // empty: as installed

@@ -207,6 +207,7 @@ typedef struct f2fs_snapshot_info {
     const f2fs_snapshot_finding* findings;
     size_t finding_count;
     size_t finding_size; /* bytes from one finding to the next */
+    int32_t temporary;   /* as given to f2fs_snapshot_create */
 } f2fs_snapshot_info;
 F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_info_free(f2fs_snapshot_info* info);
 
@@ -276,9 +277,10 @@ typedef struct f2fs_snapshot_create_options {
     uint32_t attempts;   /* at most; 0: 3 */
     uint32_t time_limit; /* seconds for one call of the library; 0: 3600 */
     const char* helper;  /* path of f2fs_snapshot_helper; NULL: as installed with this library */
+    int32_t temporary;   /* 1: the caller destroys it soon; prune neither counts nor removes it */
 } f2fs_snapshot_create_options;
 #define F2FS_SNAPSHOT_CREATE_OPTIONS_INIT \
-    { sizeof(f2fs_snapshot_create_options), NULL, NULL, 0, 0, 0, 0, NULL }
+    { sizeof(f2fs_snapshot_create_options), NULL, NULL, 0, 0, 0, 0, NULL, 0 }
 
 /*
  * Snapshots the source trees as a new generation of the store.
@@ -485,8 +487,8 @@ typedef struct f2fs_snapshot_prune_result {
 F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_prune_result_free(f2fs_snapshot_prune_result* result);
 
 /*
- * Removes the snapshots that no rule keeps, the oldest first. Damaged ones are neither counted nor
- * removed. One that somebody verifies or restores stays, for the reason "in use".
+ * Removes the snapshots that no rule keeps, the oldest first. Damaged and temporary ones are neither
+ * counted nor removed. One that somebody verifies or restores stays, for the reason "in use".
  *
  * result  may be NULL; f2fs_snapshot_prune_result_free
  *

@@ -59,6 +59,7 @@ Info fromJson(const json& value) {
     value.at("whole").get_to(info.whole);
     value.at("links_blocked").get_to(info.links_blocked);
     value.at("digests").get_to(info.has_digests);
+    value.at("temporary").get_to(info.is_temporary);
     for (const json& finding : value.at("findings")) {
         info.findings.push_back(findingFromJson(finding));
     }
@@ -125,6 +126,7 @@ std::string infoToJson(const Info& info) {
                         {"whole", info.whole},
                         {"links_blocked", info.links_blocked},
                         {"digests", info.has_digests},
+                        {"temporary", info.is_temporary},
                         {"findings", findings}};
     return value.dump(2) + "\n";
 }

@@ -43,13 +43,16 @@ std::unique_ptr<OwnedResult> newResult(const std::vector<Verdict>& verdicts) {
     return result;
 }
 
-// The snapshots that can be dated. A damaged one has no time to go by.
+// The snapshots that rules are about. A damaged one has no time to go by, and a temporary one
+// belongs to the call that made it.
 std::vector<Dated> datedSnapshots(const Store& store) {
     std::vector<Dated> snapshots;
     for (const std::string& name : store.names()) {
         try {
             const Info info = readInfo(store.open(name).get(), store.pathOf(name), name);
-            snapshots.push_back({name, info.created, info.whole});
+            if (!info.is_temporary) {
+                snapshots.push_back({name, info.created, info.whole});
+            }
         } catch (const Failure& failure) {
             if (failure.code == F2FS_SNAPSHOT_ERROR_MEMORY) {
                 throw;

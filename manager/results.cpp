@@ -73,6 +73,7 @@ f2fs_snapshot_info* newInfo(Info info) {
     owned->whole = values.whole ? 1 : 0;
     owned->links_blocked = values.links_blocked ? 1 : 0;
     owned->has_digests = values.has_digests ? 1 : 0;
+    owned->temporary = values.is_temporary ? 1 : 0;
     fill(*owned, values.counts);
     return owned.release();
 }

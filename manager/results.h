@@ -44,6 +44,7 @@ struct Info {
     bool whole = false;
     bool links_blocked = false;
     bool has_digests = false;
+    bool is_temporary = false;
     std::vector<Finding> findings;
 };
 

@@ -125,6 +125,7 @@ Json infoJson(const f2fs_snapshot_info& info) {
         {"whole", info.whole != 0},
         {"links_blocked", info.links_blocked != 0},
         {"digests", info.has_digests != 0},
+        {"temporary", info.temporary != 0},
         {"findings", findingsJson(findingsOf(info))}};
 }
 

@@ -139,7 +139,7 @@ bool destroyPatiently(const Session& session, const std::string& name) {
 }
 
 int runOn(Session& session, const Options& options) {
-    const Owned<f2fs_snapshot_info> info = session.create();
+    const Owned<f2fs_snapshot_info> info = session.create(true);
     if (!options.json) {
         printFindings(stderr, findingsOf(*info), info->finding_count);
     }

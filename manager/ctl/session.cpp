@@ -52,11 +52,12 @@ Session::Session(const Options& options, uint32_t flags)
     });
 }
 
-Owned<f2fs_snapshot_info> Session::create() {
+Owned<f2fs_snapshot_info> Session::create(bool is_temporary) {
     f2fs_snapshot_create_options options = options_.create;
     options.callbacks = callbacks();
     options.strict = options_.strict ? 1 : 0;
     options.digests = options_.digests ? 1 : 0;
+    options.temporary = is_temporary ? 1 : 0;
     const std::vector<const char*> sources = pointers(options_.sources);
     Owned<f2fs_snapshot_info> info = obtain<f2fs_snapshot_info>([&](auto* made, auto* error) {
         return f2fs_snapshot_create(store(), sources.data(), sources.size(), &options, made, error);

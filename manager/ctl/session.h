@@ -33,7 +33,7 @@ class Session {
     }
 
     // Create and check what the options say.
-    Owned<f2fs_snapshot_info> create();
+    Owned<f2fs_snapshot_info> create(bool is_temporary = false);
     Owned<f2fs_snapshot_report> check();
     Owned<f2fs_snapshot_list> list() const;
     Owned<f2fs_snapshot_info> info(const std::string& name) const;

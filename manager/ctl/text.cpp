@@ -83,7 +83,8 @@ void printFindings(FILE* out, const Findings& findings, size_t limit) {
 }
 
 std::string stateText(const f2fs_snapshot_info& info) {
-    return info.whole != 0 ? "whole" : "not whole";
+    return std::string(info.whole != 0 ? "whole" : "not whole") +
+           (info.temporary != 0 ? ", temporary" : "");
 }
 
 void printInfo(const f2fs_snapshot_info& info, uint64_t disk_bytes) {

@@ -60,9 +60,10 @@ int create(const Options& options) {
     if (options.json) {
         print({{"verb", "create"}, {"dry_run", false}, {"snapshot", infoJson(*info)}});
     } else {
-        if (!options.quiet) {
-            printf("%s: %s, %s\n", shown(info->name).c_str(), stateText(*info).c_str(),
-                   countsText(*info).c_str());
+        // What went wrong has to say which snapshot it is about.
+        if (!options.quiet || info->whole == 0) {
+            fprintf(options.quiet ? stderr : stdout, "%s: %s, %s\n", shown(info->name).c_str(),
+                    stateText(*info).c_str(), countsText(*info).c_str());
         }
         printFindings(stderr, findingsOf(*info), FEW);
     }

@@ -21,7 +21,7 @@ class Ctl : public CtlOnVolume {
 };
 
 TEST_F(Ctl, HasADocumentOfItsSchemaForEveryVerb) {
-    if (runProcess({"python3", "-c", "import jsonschema"}).status != 0) {
+    if (runProcess({"/usr/bin/python3", "-c", "import jsonschema"}).status != 0) {
         GTEST_SKIP() << "needs python3-jsonschema";
     }
     ASSERT_EQ(shell("cd " + source + " && ln a \"$(printf 'odd\\377%%\\n')\""), "");
@@ -132,6 +132,10 @@ TEST_F(Ctl, GivesACommandASnapshotOfItsOwn) {
     EXPECT_EQ(outcome.out.substr(0, 20), "second\nfirst1\nsame\nx") << outcome.out << outcome.err;
     EXPECT_EQ(outcome.out.find("{}"), std::string::npos);
     EXPECT_EQ(stored(), "");
+    // A prune meanwhile counts it for nothing.
+    done({"create", "--name", "older", source});
+    done({"run", source, "--", F2FS_SNAPSHOTCTL_PATH, "prune", "--keep-last", "1"});
+    EXPECT_EQ(stored(), "older\n");
 }
 
 // Signals that somebody sends to the program reach the command, which decides what becomes of it.
