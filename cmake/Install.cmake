@@ -1,26 +1,50 @@
 # SPDX-License-Identifier: Apache-2.0
-# Where everything goes on `cmake --install`, and the Debian package made of it (`cpack`).
+# Where everything goes on `cmake --install`.
 
 set_target_properties(f2fs_snapshot PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
-# Run paths are the same in the build directory and when installed: CMake marks one that it has to
-# rewrite with an empty entry, which has the loader look in the working directory.
-#
+
+# set_run_path(TARGET DIRECTORY BUILD_PATH...): where the loader finds the libraries of TARGET when it is
+# installed in DIRECTORY, and at BUILD_PATH in the build directory. The loader searches a system's library
+# directory by itself: there only the build directory has a run path. Elsewhere it starts from the target's
+# own place, so that the installed tree can be moved, and is the same in the build directory: CMake marks
+# one that it has to rewrite with an empty entry, which has the loader look in the working directory.
+function(set_run_path target directory)
+    if(ANDROID) # CMake ignores INSTALL_RPATH there
+        return()
+    endif()
+    if(CMAKE_INSTALL_FULL_LIBDIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+        set_target_properties(${target} PROPERTIES BUILD_RPATH_USE_ORIGIN ON)
+    else()
+        file(RELATIVE_PATH libraries ${directory} ${CMAKE_INSTALL_FULL_LIBDIR})
+        string(REGEX REPLACE "/$" "" run_path "$ORIGIN/${libraries}")
+        list(PREPEND run_path ${ARGN})
+        set_target_properties(${target} PROPERTIES
+            BUILD_WITH_INSTALL_RPATH ON
+            INSTALL_RPATH "${run_path}")
+    endif()
+endfunction()
+
 # Debian keeps liblog in a directory of its own, where only a run path finds it.
-if(NOT ANDROID)
-    set_target_properties(f2fs_snapshot PROPERTIES
-        BUILD_WITH_INSTALL_RPATH ON
-        INSTALL_RPATH_USE_LINK_PATH ON)
+set_target_properties(f2fs_snapshot PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+if(TARGET f2fs_snapshot_log)
+    set_run_path(f2fs_snapshot ${CMAKE_INSTALL_FULL_LIBDIR})
+    install(TARGETS f2fs_snapshot_log EXPORT f2fs_snapshot LIBRARY NAMELINK_SKIP)
+elseif(NOT ANDROID)
+    set_target_properties(f2fs_snapshot PROPERTIES BUILD_WITH_INSTALL_RPATH ON)
 endif()
+
 # Clients include <f2fs_snapshot/snapshot.h>, from an installation and from a build directory. Every
 # declaration in these headers can be linked; tool/main.h is left out, since the tool is how to call it.
 set(public_headers
-    jni/snapshot_jni.h
     snapshot/export.h
     snapshot/f2fs_ioctl.h
     snapshot/path_list.h
     snapshot/snapshot.h)
+if(F2FS_SNAPSHOT_JNI)
+    list(APPEND public_headers jni/snapshot_jni.h)
+endif()
 if(F2FS_SNAPSHOT_MANAGER)
     list(APPEND public_headers manager/f2fs_snapshot_manager.h)
 endif()
@@ -45,12 +69,8 @@ if(F2FS_SNAPSHOT_MANAGER)
     install(TARGETS f2fs_snapshot_manager EXPORT f2fs_snapshot)
     # The program in which the manager runs the library. The manager finds it by a path from its own
     # place, and it the library.
-    file(RELATIVE_PATH library_from_helper
-        ${CMAKE_INSTALL_FULL_LIBEXECDIR}/f2fs_snapshot ${CMAKE_INSTALL_FULL_LIBDIR})
-    set_target_properties(f2fs_snapshot_helper PROPERTIES
-        BUILD_WITH_INSTALL_RPATH ON
-        INSTALL_RPATH_USE_LINK_PATH ON
-        INSTALL_RPATH "$ORIGIN/${library_from_helper};$ORIGIN/..")
+    set_run_path(f2fs_snapshot_helper ${CMAKE_INSTALL_FULL_LIBEXECDIR}/f2fs_snapshot "$ORIGIN/..")
+    set_target_properties(f2fs_snapshot_helper PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
     install(TARGETS f2fs_snapshot_helper DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/f2fs_snapshot)
 endif()
 
@@ -66,8 +86,14 @@ install(FILES ${PROJECT_BINARY_DIR}/f2fs_snapshotConfigVersion.cmake DESTINATION
 file(RELATIVE_PATH prefix_from_pkgconfig
     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" prefix_from_pkgconfig ${prefix_from_pkgconfig})
-configure_file(cmake/f2fs_snapshot.pc.in ${PROJECT_BINARY_DIR}/f2fs_snapshot.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/f2fs_snapshot.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+function(install_pkgconfig library description)
+    configure_file(cmake/library.pc.in ${PROJECT_BINARY_DIR}/${library}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+install_pkgconfig(f2fs_snapshot "point-in-time snapshots of directory trees on F2FS")
+if(F2FS_SNAPSHOT_MANAGER)
+    install_pkgconfig(f2fs_snapshot_manager "named snapshots of directory trees on F2FS, kept in a store")
+endif()
 
 # Programs go to bin: what a user may do is decided by the rights on the files, not by being root.
 function(install_program target name)
@@ -79,17 +105,13 @@ function(install_program target name)
     endif()
 endfunction()
 if(F2FS_SNAPSHOT_TOOL)
-    file(RELATIVE_PATH library_from_tool
-        ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
     if(ANDROID)
-        # CMake ignores INSTALL_RPATH there.
+        file(RELATIVE_PATH library_from_tool
+            ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
         target_link_options(f2fs_snapshot_tool PRIVATE
             "LINKER:-rpath,$ORIGIN:$ORIGIN/${library_from_tool}")
-    else()
-        set_target_properties(f2fs_snapshot_tool PROPERTIES
-            BUILD_WITH_INSTALL_RPATH ON
-            INSTALL_RPATH "$ORIGIN;$ORIGIN/${library_from_tool}")
     endif()
+    set_run_path(f2fs_snapshot_tool ${CMAKE_INSTALL_FULL_BINDIR} "$ORIGIN")
     install_program(f2fs_snapshot_tool f2fs_snapshot)
 endif()
 if(F2FS_SNAPSHOT_EMULATOR)
@@ -99,11 +121,7 @@ if(F2FS_SNAPSHOT_DRIVER_CHECK)
     install_program(f2fs_driver_check f2fs_driver_check)
 endif()
 if(F2FS_SNAPSHOT_MANAGER)
-    file(RELATIVE_PATH library_from_program
-        ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-    set_target_properties(f2fs_snapshotctl PROPERTIES
-        BUILD_WITH_INSTALL_RPATH ON
-        INSTALL_RPATH "$ORIGIN;$ORIGIN/${library_from_program}")
+    set_run_path(f2fs_snapshotctl ${CMAKE_INSTALL_FULL_BINDIR} "$ORIGIN")
     install_program(f2fs_snapshotctl f2fs_snapshotctl)
     if(NOT ANDROID)
         # Debian's zsh looks into the first below /usr/local, into the second below /usr.
@@ -117,16 +135,14 @@ if(F2FS_SNAPSHOT_MANAGER)
 endif()
 
 if(TARGET f2fs_snapshot_java)
-    set_target_properties(f2fs_snapshot_java PROPERTIES
-        BUILD_WITH_INSTALL_RPATH ON
-        INSTALL_RPATH "$ORIGIN")
+    set_run_path(f2fs_snapshot_java ${CMAKE_INSTALL_FULL_LIBDIR})
     install(TARGETS f2fs_snapshot_java)
     get_target_property(java_api_jar f2fs_snapshot_jar JAR_FILE)
     install(FILES ${java_api_jar} ${java_api_documents} DESTINATION ${CMAKE_INSTALL_DATADIR}/java)
 endif()
 
 if(NOT ANDROID)
-    install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md
+    install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md SECURITY.md
             DESTINATION ${CMAKE_INSTALL_DOCDIR})
     install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 endif()
@@ -140,19 +156,39 @@ add_custom_target(uninstall
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
     VERBATIM)
 
-# The architecture is the building machine's; a cross build sets CPACK_DEBIAN_PACKAGE_ARCHITECTURE.
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME f2fs-snapshot)
-set(CPACK_PACKAGE_CONTACT "f2fs_snapshot developers <f2fs_snapshot@example.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "point-in-time snapshots of directory trees on F2FS")
-set(CPACK_PACKAGE_DESCRIPTION
-"Library and command-line tool that snapshot directory trees on an F2FS volume
-through ioctl requests of its driver, and a driver emulator on FUSE to develop
-and test with.")
-set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS fuse3)
-include(CPack)
+# What the installed files are linked with, or hold parts of.
+set(dependencies "C++ runtime of ${CMAKE_CXX_COMPILER_ID}|${CMAKE_CXX_COMPILER_VERSION}|NOASSERTION|DYNAMIC_LINK")
+if(NOT TARGET f2fs_snapshot_log)
+    list(APPEND dependencies "liblog|NOASSERTION|Apache-2.0|DYNAMIC_LINK")
+endif()
+if(F2FS_SNAPSHOT_EMULATOR)
+    list(APPEND dependencies "libfuse|${FUSE3_VERSION}|LGPL-2.1-only|DYNAMIC_LINK")
+endif()
+if(F2FS_SNAPSHOT_MANAGER)
+    find_package(LibArchive QUIET)
+    list(APPEND dependencies "libarchive|${LibArchive_VERSION}|BSD-2-Clause|DYNAMIC_LINK")
+endif()
+if(F2FS_SNAPSHOT_MANAGER OR F2FS_SNAPSHOT_DRIVER_CHECK)
+    find_package(CLI11 QUIET)
+    find_package(nlohmann_json QUIET)
+    list(APPEND dependencies
+        "CLI11|${CLI11_VERSION}|BSD-3-Clause|STATIC_LINK"
+        "JSON for Modern C++|${nlohmann_json_VERSION}|MIT|STATIC_LINK")
+endif()
+option(F2FS_SNAPSHOT_SBOM "Install a list of the installed files and their licences (SPDX)" ON)
+if(ANDROID)
+    return()
+endif()
+install(CODE "get_filename_component(directory
+        \"${CMAKE_INSTALL_LIBDIR}\" ABSOLUTE BASE_DIR \"\${CMAKE_INSTALL_PREFIX}\")
+    set(library libf2fs_snapshot.so.${PROJECT_VERSION_MAJOR})")
+install(SCRIPT cmake/LdconfigHint.cmake)
+if(F2FS_SNAPSHOT_SBOM)
+    install(CODE "get_filename_component(sbom
+            \"${CMAKE_INSTALL_DOCDIR}/f2fs_snapshot.spdx.json\" ABSOLUTE BASE_DIR \"\${CMAKE_INSTALL_PREFIX}\")
+        set(name ${PROJECT_NAME})
+        set(version ${PROJECT_VERSION})
+        set(source_dir \"${PROJECT_SOURCE_DIR}\")
+        set(dependencies \"${dependencies}\")")
+    install(SCRIPT cmake/Sbom.cmake)
+endif()

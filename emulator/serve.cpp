@@ -99,7 +99,9 @@ std::string captureErrors(Call call) {
     call();
     dup2(original.get(), STDERR_FILENO);
     char text[1024] = {};
-    pread(memory.get(), text, sizeof(text) - 1, 0);
+    if (pread(memory.get(), text, sizeof(text) - 1, 0) < 0) {
+        return "";
+    }
     const std::string line(text, strcspn(text, "\n"));
     const size_t name_end = line.find(": ");
     return name_end == std::string::npos ? line : line.substr(name_end + 2);

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Compares the dynamic symbols that the library defines with the list below, whole.
 #
-# usage: exports.sh LIBRARY
+# usage: exports.sh LIBRARY [jni]     jni: built with the Java bridge
 set -euo pipefail
 
 expected='CreateDirSnapshot(std::vector<std::string> const&, std::string)
@@ -22,6 +22,8 @@ default_testcase
 main
 revokeDedupFile
 splitDirsString(std::string const&, char, std::vector<std::string>&)'
+
+[[ ${2-} == jni ]] || expected=$(grep -v '^JNI_\|^Java_' <<<"$expected")
 
 # Spelled without the C++ library's inline namespace and default arguments.
 plain='s/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> ?>/std::string/g

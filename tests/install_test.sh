@@ -1,20 +1,17 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs a build into a temporary folder, uses what is there as an outsider would, and uninstalls
-# it again; then the same with the Debian package on the system itself, where that may be done.
+# Installs a build into a temporary directory, looks at what is there, uses it as an outsider would, and
+# uninstalls it again.
 #
-# usage: CXX=... CXXFLAGS=... install_test.sh SOURCE_DIR BUILD_DIR
+# usage: BUILD_TYPE=... CXX=... CXXFLAGS=... install_test.sh SOURCE_DIR BUILD_DIR
 set -euxo pipefail # every command is shown, since most say nothing when they fail
 source=$(realpath -- "$1")
 build=$(realpath -- "$2")
 
-package=f2fs-snapshot
 work=$(mktemp -d "${TMPDIR:-/tmp}/install_test.XXXXXX")
+prefix=$work/prefix
 manifest=$build/install_manifest.txt
-package_installed=
-
 cleanup() {
-    [[ -z $package_installed ]] || dpkg --purge "$package" >/dev/null
     rm -f "$manifest"
     [[ ! -e $work/manifest ]] || mv "$work/manifest" "$manifest"
     rm -rf "$work"
@@ -22,78 +19,35 @@ cleanup() {
 trap cleanup EXIT
 [[ ! -e $manifest ]] || cp -p "$manifest" "$work/manifest" # of the user's own installation
 
-mkdir "$work/outside"
-cat >"$work/outside/main.cpp" <<'END'
-#include <f2fs_snapshot/f2fs_ioctl.h>
-#include <f2fs_snapshot/path_list.h>
-#include <f2fs_snapshot/snapshot.h>
-
-int main() {
-    std::vector<std::string> paths;
-    splitDirsString(";", ';', paths);
-    return PreCreateDirSnapshot(paths) == 0 && revokeDedupFile(-1) == -1 ? 0 : 1;
-}
-END
-cat >"$work/outside/CMakeLists.txt" <<'END'
-cmake_minimum_required(VERSION 3.22)
-project(outside CXX)
-find_package(f2fs_snapshot 1.0 REQUIRED)
-add_executable(outside main.cpp)
-target_link_libraries(outside PRIVATE f2fs_snapshot::f2fs_snapshot)
-END
-
-# Uses the installation below a prefix: its programs, and its library in both ways.
-use() {
-    local prefix=$1 config flags library
-    "$prefix/bin/f2fs_snapshot" pre ""
-    [[ ! -e $build/emulator/f2fs_emulator ]] || "$prefix/bin/f2fs_emulator" --version
-    if [[ -e $build/manager/f2fs_snapshotctl ]]; then
-        mkdir -m 700 "$work/store"
-        # Gets as far as the installed helper: there is no driver here.
-        "$prefix/bin/f2fs_snapshotctl" -s "$work/store" create "$work/outside" 2>"$work/errors" &&
-            exit 1
-        grep 'has no driver' "$work/errors"
-        rmdir "$work/store"
+# Hardened as far as the build type allows, with no path of the building machine, and with no run path but
+# those from the program's own place and to Debian's liblog.
+look_at() {
+    local program=$1
+    readelf -W -h -l -d --dyn-syms "$program" >"$work/readelf"
+    grep -q 'Type: *DYN ' "$work/readelf"
+    grep -q 'GNU_RELRO' "$work/readelf"
+    grep -qE 'BIND_NOW|Flags: NOW' "$work/readelf"
+    if [[ ${program##*/} != f2fs_snapshot ]]; then # which has no code of its own
+        grep -q '__stack_chk_fail' "$work/readelf"
+        [[ $program != */libf2fs_snapshot.so.* || $BUILD_TYPE != *Rel* ]] || grep -q '_chk@' "$work/readelf"
     fi
-    if [[ -e $build/java/f2fs_snapshot.jar ]]; then
-        # Gets as far, through the jar and its native library.
-        library=$(find "$prefix"/lib* -name libf2fs_snapshot_java.so)
-        java -cp "$prefix/share/java/f2fs_snapshot.jar" -Djava.library.path="${library%/*}" \
-            "$source/examples/java/FirstSnapshot.java" "$work/outside" "$work/store" \
-            2>"$work/errors" && exit 1
-        grep 'SnapshotException.* has no driver' "$work/errors"
-        rmdir "$work/store"
-    fi
-
-    rm -rf "$work/by_cmake"
-    cmake -S "$work/outside" -B "$work/by_cmake" -DCMAKE_PREFIX_PATH="$prefix"
-    grep "^f2fs_snapshot_DIR:PATH=$prefix/" "$work/by_cmake/CMakeCache.txt" # and no other one
-    cmake --build "$work/by_cmake"
-    "$work/by_cmake/outside" 2>&1 | grep 'invalid file_handle = -1' # which the library logs
-
-    config=$(find "$prefix"/lib* -name f2fs_snapshot.pc)
-    export PKG_CONFIG_PATH=${config%/*}
-    read -ra flags <<<"${CXXFLAGS-} $(pkg-config --cflags --libs f2fs_snapshot)"
-    "$CXX" -std=c++17 "$work/outside/main.cpp" "${flags[@]}" -o "$work/by_pkgconfig"
-    LD_LIBRARY_PATH="$(pkg-config --variable=libdir f2fs_snapshot)" "$work/by_pkgconfig"
+    diff /dev/null <(grep -c -a -F -e "$source" -e "$build" "$program" | grep -vx 0)
+    diff /dev/null <(sed -n 's/.*RUNPATH.*\[\(.*\)\]/\1/p' "$work/readelf" | tr : '\n' |
+        grep -vE "^[$]ORIGIN(/|$)|^/usr/lib/[^/]*/android$")
 }
 
-cmake --install "$build" --prefix "$work/prefix"
-use "$work/prefix"
-env --chdir="$build" cmake -P "$source/cmake/Uninstall.cmake"
-diff /dev/null <(find "$work/prefix" ! -type d -o -name '*f2fs*')
-
-if ((EUID != 0)) || ! hash dpkg-shlibdeps file || dpkg-query -W "$package" 2>/dev/null; then
-    echo "Debian package skipped: needs root, dpkg-dev and file, and no $package installed"
-    exit
+cmake --install "$build" --prefix "$prefix" >"$work/said"
+grep "The loader does not search $prefix/lib" "$work/said"
+if unshare --mount true; then # as root: what the loader searches is told apart, on a /usr/local of its own
+    unshare --mount bash -ec "mount -t tmpfs none /usr/local
+        cmake --install ${build@Q} --prefix /usr/local" >"$work/said"
+    grep 'Run ldconfig as root, so that programs find the libraries in /usr/local/lib' "$work/said"
+    cmake --install "$build" --prefix "$prefix" >"$work/said" # whose list of files is the last again
 fi
-cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/package"
-dpkg-deb -f "$work"/package/*.deb Depends | grep 'android-liblog.*libc6'
-package_installed=yes
-dpkg --install "$work"/package/*.deb
-dpkg -L "$package" | grep f2fs >"$work/listed"
-use /usr
-! hash man || man -w f2fs_snapshot
-dpkg --purge "$package"
-package_installed=
-diff /dev/null <(xargs ls -d <"$work/listed" 2>/dev/null)
+"$source/tests/use_installed.sh" "$prefix"
+"$source/tests/sbom_test.py" "$prefix"
+while read -r program; do
+    look_at "$program"
+done < <(find "$prefix" -type f \( -perm /111 -o -name '*.so*' \) -exec grep -l '^.ELF' {} +)
+env --chdir="$build" cmake -P "$source/cmake/Uninstall.cmake"
+diff /dev/null <(find "$prefix" ! -type d -o -name '*f2fs*')

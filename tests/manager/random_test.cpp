@@ -160,7 +160,7 @@ class Writer {
                 mkdirat(top, path, 0700);
                 break;
             case Step::LINK_TEXT:
-                symlinkat(step.other.c_str(), top, path);
+                static_cast<void>(!symlinkat(step.other.c_str(), top, path));
                 break;
             case Step::RENAME:
                 renameat(top, path, top, step.other.c_str());
@@ -187,8 +187,9 @@ class Writer {
         const int fd = openat(top, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
         ASSERT_GE(fd, 0);
         EXPECT_EQ(pwrite(fd, step.other.data(), step.other.size(), 0), 8);
-        linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(fd)).c_str(), top, step.path.c_str(),
-               AT_SYMLINK_FOLLOW);
+        const std::string unnamed = "/proc/self/fd/" + std::to_string(fd);
+        static_cast<void>(
+            !linkat(AT_FDCWD, unnamed.c_str(), top, step.path.c_str(), AT_SYMLINK_FOLLOW));
         close(fd);
     }
     std::string path() {
