@@ -15,6 +15,7 @@
 #include <algorithm>
 
 #include "snapshot/f2fs_ioctl.h"
+#include "tests/stand_in.h"
 
 namespace {
 
@@ -27,12 +28,6 @@ constexpr size_t MODELLED_BYTES = 1 << 16;  // of a file's content; beyond it on
 #else
 #define LARGE(name) #name
 #endif
-
-// Defines a function of the C library's name under another one: the declarations of C libraries
-// differ in exception specifications, overloads for fortified calls and the types of parameters.
-#define STAND_IN(symbol, result, name, ...)   \
-    result name(__VA_ARGS__) __asm__(symbol); \
-    result name(__VA_ARGS__)
 
 // The C library's own function of that type and name.
 template <typename Function>

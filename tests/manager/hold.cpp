@@ -17,6 +17,8 @@
 
 #include <string>
 
+#include "tests/stand_in.h"
+
 namespace {
 
 template <typename Function>
@@ -71,9 +73,7 @@ void before(const std::string& call, const char* path) {
 
 }  // namespace
 
-extern "C" {
-
-int open(const char* path, int flags, ...) {
+STAND_IN("open", int, standInOpen, const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = va_arg(arguments, mode_t);
@@ -85,7 +85,7 @@ int open(const char* path, int flags, ...) {
     return next<int(const char*, int, ...)>(OPEN)(path, flags, mode);
 }
 
-DIR* opendir(const char* path) {
+STAND_IN("opendir", DIR*, standInOpendir, const char* path) {
     before("opendir", path);
     DIR* const stream = next<DIR*(const char*)>("opendir")(path);
     if (!setting("F2FS_SNAPSHOT_TEST_HOLD").empty() && isNth("end", path)) {
@@ -94,7 +94,7 @@ DIR* opendir(const char* path) {
     return stream;
 }
 
-dirent* readdir(DIR* stream) {
+STAND_IN("readdir", dirent*, standInReaddir, DIR* stream) {
     if (stream == ended) {
         errno = EIO;
         return nullptr;
@@ -102,20 +102,18 @@ dirent* readdir(DIR* stream) {
     return next<dirent*(DIR*)>(READDIR)(stream);
 }
 
-void __android_log_set_logger(void* logger) {
+STAND_IN("__android_log_set_logger", void, standInSetLogger, void* logger) {
     if (setting("F2FS_SNAPSHOT_TEST_NO_LOG").empty()) {
         next<void(void*)>("__android_log_set_logger")(logger);
     }
 }
 
-int mkdir(const char* path, mode_t mode) noexcept {
+STAND_IN("mkdir", int, standInMkdir, const char* path, mode_t mode) {
     before("mkdir", path);
     return next<int(const char*, mode_t)>("mkdir")(path, mode);
 }
 
-int unlink(const char* path) noexcept {
+STAND_IN("unlink", int, standInUnlink, const char* path) {
     before("unlink", path);
     return next<int(const char*)>("unlink")(path);
 }
-
-}  // extern "C"

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Snapshots among a writer that makes, writes, renames, links and deletes: each that is said to be
 // whole is the tree as it was after one of the writer's steps.
+#include <linux/fs.h>
 #include <sys/mman.h>
 
 #include <map>

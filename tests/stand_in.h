@@ -1,0 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+// How a test takes the place of a function of the C library.
+#pragma once
+
+// Defines a function of the C library's name under another one: the declarations of C libraries
+// differ in exception specifications, overloads for fortified calls and the types of parameters.
+#define STAND_IN(symbol, result, name, ...)   \
+    result name(__VA_ARGS__) __asm__(symbol); \
+    result name(__VA_ARGS__)
