@@ -167,7 +167,7 @@ class Writer {
                 renameat(top, path, top, step.other.c_str());
                 break;
             case Step::EXCHANGE:
-                renameat2(top, path, top, step.other.c_str(), RENAME_EXCHANGE);
+                syscall(SYS_renameat2, top, path, top, step.other.c_str(), RENAME_EXCHANGE);
                 break;
             default:
                 if (unlinkat(top, path, 0) != 0) {
