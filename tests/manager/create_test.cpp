@@ -241,6 +241,36 @@ TEST_F(CreateTest, WithoutTheLibrarysLog) {
     unsetenv("F2FS_SNAPSHOT_TEST_NO_LOG");
 }
 
+TEST_F(CreateTest, WithoutTheLibrarysLogProgressIsCounted) {
+    inSource("mkdir m; printf a >m/c; printf b >z; ln -s z l");
+    setenv("F2FS_SNAPSHOT_TEST_NO_LOG", "1", 1);
+    struct Seen {
+        std::atomic<uint64_t> files = 0;
+        std::atomic<bool> is_over = false;
+    } seen;
+    f2fs_snapshot_callbacks callbacks = F2FS_SNAPSHOT_CALLBACKS_INIT;
+    callbacks.context = &seen;
+    callbacks.progress = [](void* context, const f2fs_snapshot_progress* now) {
+        if (now->phase == F2FS_SNAPSHOT_PHASE_CREATE) {
+            static_cast<Seen*>(context)->files = now->files_done;
+        }
+    };
+    f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
+    options.callbacks = &callbacks;
+    options.time_limit = 60;
+    // All files are made when the first check pass begins.
+    HeldLibrary held(volume.root(), "opendir " + source + "/m", 2, [&] {
+        while (seen.files != 2 && !seen.is_over) {
+            usleep(1000);
+        }
+    });
+    const auto made = create("a", options, {source});
+    seen.is_over = true;
+    EXPECT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+    EXPECT_EQ(seen.files, 2U);
+    unsetenv("F2FS_SNAPSHOT_TEST_NO_LOG");
+}
+
 // A directory that was changed in the current tick of the clock is read when the tick is over.
 TEST_F(CreateTest, TheClockTickIsWaitedOut) {
     inSource("mkdir m");
