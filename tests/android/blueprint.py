@@ -16,15 +16,11 @@ import sys
 
 from mini_soong.parser import soong
 
-# Which CMake targets are the source of which module. Their sources together are the module's.
+# Which CMake targets are the source of which module, where it is not the one of the same name. Their
+# sources together are the module's.
 TARGETS = {
-    "libf2fs_snapshot": ["f2fs_snapshot"],
     "f2fs_snapshot": ["f2fs_snapshot_tool"],
     "f2fs_driver_check": ["driver_check"],
-    "libf2fs_snapshot_manager": ["f2fs_snapshot_manager"],
-    "f2fs_snapshot_helper": ["f2fs_snapshot_helper"],
-    "libf2fs_snapshotctl_parts": ["f2fs_snapshotctl_parts"],
-    "f2fs_snapshotctl": ["f2fs_snapshotctl"],
     "f2fs_snapshot_unit_tests": [
         "test_main", "fake_kernel", "unit_tests", "fault_sweep_tests", "limits_tests"],
     "f2fs_snapshotctl_unit_tests": ["test_main", "snapshotctl_unit_tests"],
@@ -34,7 +30,6 @@ TARGETS = {
     "f2fs_snapshot_manager_volume_tests": [
         "test_main", "mounted_emulator", "manager_create_tests", "manager_store_tests",
         "manager_killed_tests", "manager_random_tests"],
-    "libf2fs_snapshot_hold": ["f2fs_snapshot_hold"],
     "f2fs_snapshot_paths_fuzz": ["paths_fuzz"],
     "f2fs_snapshot_requests_fuzz": ["requests_fuzz"],
 }
@@ -138,17 +133,22 @@ class CMake:
             return re.search(r"project\(\w+ VERSION (\S+)", file.read())[1]
 
 
+def targets_of(module):
+    return TARGETS.get(module["name"], [module["name"].removeprefix("lib")])
+
+
 def compare_module(module, cmake):
-    missing = [name for name in TARGETS[module["name"]] if name not in cmake.targets]
+    targets = targets_of(module)
+    missing = [name for name in targets if name not in cmake.targets]
     if missing:
         yield "CMake has no target " + ", ".join(missing)
         return
-    theirs = set().union(*(cmake.sources(name) for name in TARGETS[module["name"]]))
+    theirs = set().union(*(cmake.sources(name) for name in targets))
     ours = set(module["srcs"])
     for file in sorted(theirs - ours):
         yield file + " is missing"
     for file in sorted(ours - theirs):
-        yield file + " is not compiled by CMake's " + ", ".join(TARGETS[module["name"]])
+        yield file + " is not compiled by CMake's " + ", ".join(targets)
 
 
 def check_module(module, named, version):
@@ -173,15 +173,13 @@ def differences(build):
     for module in named.values():
         found = list(check_module(module, named, cmake.version()))
         if is_compiled(module):
-            if module["name"] in TARGETS:
-                found += compare_module(module, cmake)
-            else:
-                found.append("blueprint.py knows no CMake target for it")
+            found += compare_module(module, cmake)
         for text in found:
             yield f"Android.bp: {module['name']}: {text}"
     for name in sorted(set(TARGETS) - set(named)):
         yield f"Android.bp: there is no module {name}"
-    known = set(DEVELOPMENT_MACHINE).union(*TARGETS.values())
+    known = set(DEVELOPMENT_MACHINE).union(
+        *(targets_of(module) for module in named.values() if is_compiled(module)))
     for name in sorted(set(cmake.targets) - known):
         if not cmake.directory(name).startswith(DEVELOPMENT_MACHINE_DIRECTORIES) and \
                 "googletest" not in cmake.directory(name):
