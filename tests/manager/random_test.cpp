@@ -147,7 +147,7 @@ class Writer {
                            : Step{Step::REMOVE, path(), ""};
     }
 
-    // Does a step, with one system call that changes anything.
+    // Does a step, with one system call that changes anything. One that cannot be done is none.
     static void act(int top, const Step& step) {
         const char* path = step.path.c_str();
         switch (step.kind) {
@@ -160,9 +160,10 @@ class Writer {
             case Step::MAKE_DIRECTORY:
                 mkdirat(top, path, 0700);
                 break;
-            case Step::LINK_TEXT:
-                symlinkat(step.other.c_str(), top, path);
+            case Step::LINK_TEXT: {
+                [[maybe_unused]] const int ret = symlinkat(step.other.c_str(), top, path);
                 break;
+            }
             case Step::RENAME:
                 renameat(top, path, top, step.other.c_str());
                 break;
@@ -188,8 +189,9 @@ class Writer {
         const int fd = openat(top, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
         ASSERT_GE(fd, 0);
         EXPECT_EQ(pwrite(fd, step.other.data(), step.other.size(), 0), 8);
-        linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(fd)).c_str(), top, step.path.c_str(),
-               AT_SYMLINK_FOLLOW);
+        [[maybe_unused]] const int ret =
+            linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(fd)).c_str(), top,
+                   step.path.c_str(), AT_SYMLINK_FOLLOW);
         close(fd);
     }
     std::string path() {
