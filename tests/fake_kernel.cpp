@@ -21,14 +21,6 @@ namespace {
 
 constexpr size_t MODELLED_BYTES = 1 << 16;  // of a file's content; beyond it only the size counts
 
-// Where file offsets would be short, glibc's headers map the name to that of a large-file variant.
-#if defined(__GLIBC__) && !defined(__LP64__) && defined(_FILE_OFFSET_BITS) && \
-    _FILE_OFFSET_BITS == 64
-#define LARGE(name) #name "64"
-#else
-#define LARGE(name) #name
-#endif
-
 // The C library's own function of that type and name.
 template <typename Function>
 Function* real(const char* symbol) {

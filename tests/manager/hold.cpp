@@ -26,15 +26,6 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// With file sizes of 64 bits on 32 bits, glibc's headers give these functions other names.
-#ifdef __USE_FILE_OFFSET64
-constexpr const char* OPEN = "open64";
-constexpr const char* READDIR = "readdir64";
-#else
-constexpr const char* OPEN = "open";
-constexpr const char* READDIR = "readdir";
-#endif
-
 std::string setting(const char* name) {
     const char* text = getenv(name);
     return text == nullptr ? "" : text;
@@ -50,7 +41,7 @@ DIR* ended = nullptr;
 
 int openPipe(const char* name, int flags) {
     const std::string path = setting("F2FS_SNAPSHOT_TEST_PIPES") + name;
-    return next<int(const char*, int, ...)>(OPEN)(path.c_str(), flags | O_CLOEXEC);
+    return next<int(const char*, int, ...)>(LARGE(open))(path.c_str(), flags | O_CLOEXEC);
 }
 
 void before(const std::string& call, const char* path) {
@@ -73,7 +64,7 @@ void before(const std::string& call, const char* path) {
 
 }  // namespace
 
-STAND_IN("open", int, standInOpen, const char* path, int flags, ...) {
+STAND_IN(LARGE(open), int, standInOpen, const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = va_arg(arguments, mode_t);
@@ -82,7 +73,7 @@ STAND_IN("open", int, standInOpen, const char* path, int flags, ...) {
            : (flags & O_ACCMODE) == O_RDONLY ? "read"
                                              : "open",
            path);
-    return next<int(const char*, int, ...)>(OPEN)(path, flags, mode);
+    return next<int(const char*, int, ...)>(LARGE(open))(path, flags, mode);
 }
 
 STAND_IN("opendir", DIR*, standInOpendir, const char* path) {
@@ -94,12 +85,12 @@ STAND_IN("opendir", DIR*, standInOpendir, const char* path) {
     return stream;
 }
 
-STAND_IN("readdir", dirent*, standInReaddir, DIR* stream) {
+STAND_IN(LARGE(readdir), dirent*, standInReaddir, DIR* stream) {
     if (stream == ended) {
         errno = EIO;
         return nullptr;
     }
-    return next<dirent*(DIR*)>(READDIR)(stream);
+    return next<dirent*(DIR*)>(LARGE(readdir))(stream);
 }
 
 STAND_IN("__android_log_set_logger", void, standInSetLogger, void* logger) {
