@@ -1,11 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
-# Finds GoogleTest: the installed library where it is one for this target; else, as in cross builds,
-# it is built from Debian's sources of it.
+# Finds GoogleTest: the installed library where it is one for this target; else, as in cross builds
+# or with libc++, it is built from Debian's sources of it.
 if(TARGET GTest::gtest)
     set(GTest_FOUND TRUE)
     return()
 endif()
-find_package(GTest CONFIG QUIET)
+# Debian's library is made for GNU's C++ library.
+include(CheckCXXSymbolExists)
+check_cxx_symbol_exists(_LIBCPP_VERSION ciso646 F2FS_SNAPSHOT_LIBCXX)
+if(NOT F2FS_SNAPSHOT_LIBCXX)
+    find_package(GTest CONFIG QUIET)
+endif()
 if(NOT GTest_FOUND)
     find_path(GTest_SOURCE_DIR src/gtest-all.cc PATHS /usr/src/googletest/googletest)
     include(FindPackageHandleStandardArgs)

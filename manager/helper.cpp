@@ -8,11 +8,13 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "manager/failure.h"
 #include "manager/helper_protocol.h"
+#include "manager/walk.h"
 
 namespace manager {
 
@@ -22,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char PROGRAM[] = "f2fs_snapshot_helper";
 constexpr int POLL_MILLISECONDS = 100;
+constexpr Clock::duration COUNT_INTERVAL = std::chrono::milliseconds(500);
 
 // Beside this library in a build directory, in the directory for helper programs when installed.
 std::string defaultProgram() {
@@ -103,6 +106,23 @@ struct Attributes {
     posix_spawnattr_t value;
 };
 
+// 0 as long as there is no such directory.
+uint64_t countFiles(const std::string& path, Monitor& monitor) {
+    uint64_t files = 0;
+    try {
+        TreeWalk walk(openDirectory(AT_FDCWD, path.c_str(), path), path);
+        while (walk.next()) {
+            files += walk.type() == S_IFREG ? 1 : 0;
+            monitor.poll();
+        }
+    } catch (const Failure& failure) {
+        if (failure.code == F2FS_SNAPSHOT_ERROR_CANCELLED) {
+            throw;
+        }
+    }
+    return files;
+}
+
 class Helper {
   public:
     Helper(const HelperCall& call, Monitor& monitor, HelperResult& result)
@@ -130,6 +150,7 @@ class Helper {
     void take(const Message& message, const std::string& text);
     void readErrors();
     void report(const LibraryLog& log);
+    void countFilesMade();
 
     const HelperCall& call_;
     Monitor& monitor_;
@@ -140,6 +161,8 @@ class Helper {
     std::string unread_;  // the beginning of a message that is not complete yet
     bool has_result_ = false;
     bool is_ending_ = false;
+    bool is_without_log_ = false;
+    Clock::time_point next_count_;
 };
 
 void Helper::start() {
@@ -184,6 +207,7 @@ void Helper::follow() {
             is_ending_ = true;
             return;
         }
+        countFilesMade();
         monitor_.poll();
         if (Clock::now() > deadline) {
             throw Failure(F2FS_SNAPSHOT_ERROR_TIMEOUT, call_.sources.front(),
@@ -226,6 +250,7 @@ void Helper::take(const Message& message, const std::string& text) {
             break;
         case Message::READY:
             result_.has_log = message.value != 0;
+            is_without_log_ = !result_.has_log;
             break;
         case Message::LOG:
             result_.log.add(text, message.time);
@@ -255,6 +280,19 @@ void Helper::report(const LibraryLog& log) {
         monitor_.throwIfCancelled();
     }
     now.files_done = now.pass == 0 ? log.files_taken : log.files_checked;
+}
+
+// Without the library's log, what the snapshot holds is all that tells of progress.
+void Helper::countFilesMade() {
+    const Clock::time_point begin = Clock::now();
+    if (!is_without_log_ || begin < next_count_) {
+        return;
+    }
+    const uint64_t files = countFiles(call_.target + "/snapshot", monitor_);
+    monitor_.now.files_done = std::min(files, monitor_.now.files_total);
+    // Not more than a tenth of the time.
+    const Clock::time_point end = Clock::now();
+    next_count_ = end + std::max(COUNT_INTERVAL, 10 * (end - begin));
 }
 
 void Helper::readErrors() {

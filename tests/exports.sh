@@ -26,7 +26,8 @@ splitDirsString(std::string const&, char, std::vector<std::string>&)'
 [[ ${2-} == jni ]] || expected=$(grep -v '^JNI_\|^Java_' <<<"$expected")
 
 # Spelled without the C++ library's inline namespace and default arguments.
-plain='s/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> ?>/std::string/g
+plain='s/std::(__cxx11|__1)::/std::/g
+s/std::basic_string<char, std::char_traits<char>, std::allocator<char> ?>/std::string/g
 s/std::vector<([^<>,]+), std::allocator<[^<>]+> ?>/std::vector<\1>/g'
 
 exported=$(nm -D --defined-only "$1" | sed 's/^[^ ]* \(T \)\?//' | c++filt | sed -E "$plain" |

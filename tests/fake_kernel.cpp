@@ -15,24 +15,11 @@
 #include <algorithm>
 
 #include "snapshot/f2fs_ioctl.h"
+#include "tests/stand_in.h"
 
 namespace {
 
 constexpr size_t MODELLED_BYTES = 1 << 16;  // of a file's content; beyond it only the size counts
-
-// Where file offsets would be short, glibc's headers map the name to that of a large-file variant.
-#if defined(__GLIBC__) && !defined(__LP64__) && defined(_FILE_OFFSET_BITS) && \
-    _FILE_OFFSET_BITS == 64
-#define LARGE(name) #name "64"
-#else
-#define LARGE(name) #name
-#endif
-
-// Defines a function of the C library's name under another one: the declarations of C libraries
-// differ in exception specifications, overloads for fortified calls and the types of parameters.
-#define STAND_IN(symbol, result, name, ...)   \
-    result name(__VA_ARGS__) __asm__(symbol); \
-    result name(__VA_ARGS__)
 
 // The C library's own function of that type and name.
 template <typename Function>

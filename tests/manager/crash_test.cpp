@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "tests/manager/manager_on_volume.h"
+#include "tests/stand_in.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ std::function<void()> before_removal;
 }  // namespace
 
 // The manager's calls come here.
-extern "C" int unlinkat(int directory, const char* path, int flags) noexcept {
+STAND_IN("unlinkat", int, standInUnlinkat, int directory, const char* path, int flags) {
     if (before_removal) {
         before_removal();
     }

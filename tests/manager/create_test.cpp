@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "tests/manager/manager_on_volume.h"
+#include "tests/stand_in.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ std::function<int64_t()> coarse_clock;
 }  // namespace
 
 // The manager's calls come here.
-extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+STAND_IN("clock_gettime", int, standInClockGettime, clockid_t clock, timespec* time) {
     const int64_t given = clock == CLOCK_REALTIME_COARSE && coarse_clock ? coarse_clock() : 0;
     if (given != 0) {
         *time = {static_cast<time_t>(given / 1000000000), static_cast<long>(given % 1000000000)};
@@ -237,6 +238,36 @@ TEST_F(CreateTest, WithoutTheLibrarysLog) {
         EXPECT_LT(made.value->instant_earliest, made.value->instant_latest);
         EXPECT_EQ(destroy("a"), F2FS_SNAPSHOT_OK);
     }
+    unsetenv("F2FS_SNAPSHOT_TEST_NO_LOG");
+}
+
+TEST_F(CreateTest, WithoutTheLibrarysLogProgressIsCounted) {
+    inSource("mkdir m; printf a >m/c; printf b >z; ln -s z l");
+    setenv("F2FS_SNAPSHOT_TEST_NO_LOG", "1", 1);
+    struct Seen {
+        std::atomic<uint64_t> files = 0;
+        std::atomic<bool> is_over = false;
+    } seen;
+    f2fs_snapshot_callbacks callbacks = F2FS_SNAPSHOT_CALLBACKS_INIT;
+    callbacks.context = &seen;
+    callbacks.progress = [](void* context, const f2fs_snapshot_progress* now) {
+        if (now->phase == F2FS_SNAPSHOT_PHASE_CREATE) {
+            static_cast<Seen*>(context)->files = now->files_done;
+        }
+    };
+    f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
+    options.callbacks = &callbacks;
+    options.time_limit = 60;
+    // All files are made when the first check pass begins.
+    HeldLibrary held(volume.root(), "opendir " + source + "/m", 2, [&] {
+        while (seen.files != 2 && !seen.is_over) {
+            usleep(1000);
+        }
+    });
+    const auto made = create("a", options, {source});
+    seen.is_over = true;
+    EXPECT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+    EXPECT_EQ(seen.files, 2U);
     unsetenv("F2FS_SNAPSHOT_TEST_NO_LOG");
 }
 

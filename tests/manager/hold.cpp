@@ -17,21 +17,14 @@
 
 #include <string>
 
+#include "tests/stand_in.h"
+
 namespace {
 
 template <typename Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
-
-// With file sizes of 64 bits on 32 bits, glibc's headers give these functions other names.
-#ifdef __USE_FILE_OFFSET64
-constexpr const char* OPEN = "open64";
-constexpr const char* READDIR = "readdir64";
-#else
-constexpr const char* OPEN = "open";
-constexpr const char* READDIR = "readdir";
-#endif
 
 std::string setting(const char* name) {
     const char* text = getenv(name);
@@ -48,7 +41,7 @@ DIR* ended = nullptr;
 
 int openPipe(const char* name, int flags) {
     const std::string path = setting("F2FS_SNAPSHOT_TEST_PIPES") + name;
-    return next<int(const char*, int, ...)>(OPEN)(path.c_str(), flags | O_CLOEXEC);
+    return next<int(const char*, int, ...)>(LARGE(open))(path.c_str(), flags | O_CLOEXEC);
 }
 
 void before(const std::string& call, const char* path) {
@@ -71,9 +64,7 @@ void before(const std::string& call, const char* path) {
 
 }  // namespace
 
-extern "C" {
-
-int open(const char* path, int flags, ...) {
+STAND_IN(LARGE(open), int, standInOpen, const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = va_arg(arguments, mode_t);
@@ -82,10 +73,10 @@ int open(const char* path, int flags, ...) {
            : (flags & O_ACCMODE) == O_RDONLY ? "read"
                                              : "open",
            path);
-    return next<int(const char*, int, ...)>(OPEN)(path, flags, mode);
+    return next<int(const char*, int, ...)>(LARGE(open))(path, flags, mode);
 }
 
-DIR* opendir(const char* path) {
+STAND_IN("opendir", DIR*, standInOpendir, const char* path) {
     before("opendir", path);
     DIR* const stream = next<DIR*(const char*)>("opendir")(path);
     if (!setting("F2FS_SNAPSHOT_TEST_HOLD").empty() && isNth("end", path)) {
@@ -94,28 +85,26 @@ DIR* opendir(const char* path) {
     return stream;
 }
 
-dirent* readdir(DIR* stream) {
+STAND_IN(LARGE(readdir), dirent*, standInReaddir, DIR* stream) {
     if (stream == ended) {
         errno = EIO;
         return nullptr;
     }
-    return next<dirent*(DIR*)>(READDIR)(stream);
+    return next<dirent*(DIR*)>(LARGE(readdir))(stream);
 }
 
-void __android_log_set_logger(void* logger) {
+STAND_IN("__android_log_set_logger", void, standInSetLogger, void* logger) {
     if (setting("F2FS_SNAPSHOT_TEST_NO_LOG").empty()) {
         next<void(void*)>("__android_log_set_logger")(logger);
     }
 }
 
-int mkdir(const char* path, mode_t mode) noexcept {
+STAND_IN("mkdir", int, standInMkdir, const char* path, mode_t mode) {
     before("mkdir", path);
     return next<int(const char*, mode_t)>("mkdir")(path, mode);
 }
 
-int unlink(const char* path) noexcept {
+STAND_IN("unlink", int, standInUnlink, const char* path) {
     before("unlink", path);
     return next<int(const char*)>("unlink")(path);
 }
-
-}  // extern "C"

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Snapshots among a writer that makes, writes, renames, links and deletes: each that is said to be
 // whole is the tree as it was after one of the writer's steps.
+#include <linux/fs.h>
 #include <sys/mman.h>
 
 #include <map>
@@ -146,7 +147,7 @@ class Writer {
                            : Step{Step::REMOVE, path(), ""};
     }
 
-    // Does a step, with one system call that changes anything.
+    // Does a step, with one system call that changes anything. One that cannot be done is none.
     static void act(int top, const Step& step) {
         const char* path = step.path.c_str();
         switch (step.kind) {
@@ -159,14 +160,15 @@ class Writer {
             case Step::MAKE_DIRECTORY:
                 mkdirat(top, path, 0700);
                 break;
-            case Step::LINK_TEXT:
-                static_cast<void>(!symlinkat(step.other.c_str(), top, path));
+            case Step::LINK_TEXT: {
+                [[maybe_unused]] const int ret = symlinkat(step.other.c_str(), top, path);
                 break;
+            }
             case Step::RENAME:
                 renameat(top, path, top, step.other.c_str());
                 break;
             case Step::EXCHANGE:
-                renameat2(top, path, top, step.other.c_str(), RENAME_EXCHANGE);
+                syscall(SYS_renameat2, top, path, top, step.other.c_str(), RENAME_EXCHANGE);
                 break;
             default:
                 if (unlinkat(top, path, 0) != 0) {
@@ -187,9 +189,9 @@ class Writer {
         const int fd = openat(top, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
         ASSERT_GE(fd, 0);
         EXPECT_EQ(pwrite(fd, step.other.data(), step.other.size(), 0), 8);
-        const std::string unnamed = "/proc/self/fd/" + std::to_string(fd);
-        static_cast<void>(
-            !linkat(AT_FDCWD, unnamed.c_str(), top, step.path.c_str(), AT_SYMLINK_FOLLOW));
+        [[maybe_unused]] const int ret =
+            linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(fd)).c_str(), top,
+                   step.path.c_str(), AT_SYMLINK_FOLLOW);
         close(fd);
     }
     std::string path() {
