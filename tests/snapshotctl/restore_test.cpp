@@ -17,7 +17,8 @@ class Restore : public CtlOnVolume {
     // names are those of one file.
     static std::string described(const std::string& top) {
         return shell("cd " + top +
-                     " && find . -printf '%p %y %m %U %G %s %T@ %n %l\\n' | sort && "
+                     " && find . \\( -type d -printf '%p %y %m %U %G %T@\\n' \\) -o "
+                     "-printf '%p %y %m %U %G %s %T@ %n %l\\n' | sort && "
                      "getfattr -h -R -d -e hex . && find . -type f -exec sha256sum {} + | sort && "
                      "find . -type f -links +1 -printf '%i %p\\n' | sort | "
                      "awk '{ print $1 == last ? \"same\" : \"other\", $2; last = $1 }'");
@@ -87,6 +88,7 @@ TEST_F(Restore, RefusesWithoutTouchingAnything) {
     done({"create", "--name", "one", source});
     fs::create_directories(out);
     fs::create_directory(volume.root() / "elsewhere");
+    const std::string first = *fs::path(source).relative_path().begin();
     const struct {
         const char* what;
         std::string before;  // a script that is run in the destination
@@ -95,8 +97,8 @@ TEST_F(Restore, RefusesWithoutTouchingAnything) {
     } cases[] = {
         {"something there", "touch there", {}, "it is not empty"},
         {"a directory for a file", "mkdir -p ." + source + "/a", {"--overwrite"}, "another type"},
-        {"a file for a directory", "touch tmp", {"--overwrite"}, "another type"},
-        {"a link for a directory", "ln -s ../elsewhere tmp", {"--overwrite"}, "another type"},
+        {"a file for a directory", "touch " + first, {"--overwrite"}, "another type"},
+        {"a link for a directory", "ln -s ../elsewhere " + first, {"--overwrite"}, "another type"},
     };
     for (const auto& c : cases) {
         ASSERT_EQ(shell("cd " + out + " && " + c.before), "") << c.what;
@@ -159,7 +161,9 @@ TEST_F(Restore, GivesNobodyTheRightsOfAnother) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to own files as somebody else";
     }
-    fs::permissions(volume.root(), static_cast<fs::perms>(0755));
+    for (const fs::path& directory : {volume.root(), top}) {
+        fs::permissions(directory, static_cast<fs::perms>(0755));
+    }
     ASSERT_EQ(shell("cd " + source + " && chown -R 65534 . && chown 0 a && chmod 6777 a && mkdir " +
                     store + " " + out + " && chmod 700 " + store + " && chown 65534 " + store +
                     " " + out),
