@@ -16,8 +16,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* NAMES[] = {"other", "list",    "create", "check", "record",
-                                 "sync",  "compare", "sum"};
+constexpr const char* NAMES[] = {"other",  "list", "create",  "check",
+                                 "record", "sync", "compare", "sum"};
 constexpr int COMPARE = 6;  // the second time in the phase "list"
 constexpr int SUM = 7;
 
@@ -37,9 +37,9 @@ struct Phases {
 void onProgress(void* context, const f2fs_snapshot_progress* progress) {
     auto& phases = *static_cast<Phases*>(context);
     const bool is_compare = progress->phase == F2FS_SNAPSHOT_PHASE_LIST && progress->pass > 0;
-    phases.enter(is_compare                                      ? COMPARE
+    phases.enter(is_compare                                    ? COMPARE
                  : progress->phase <= F2FS_SNAPSHOT_PHASE_SYNC ? progress->phase
-                                                                 : 0);
+                                                               : 0);
 }
 
 void require(int32_t code, const f2fs_snapshot_error& error) {

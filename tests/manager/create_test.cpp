@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a snapshot of the manager holds, and what it says of names that change while it is made.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <stdarg.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -17,6 +20,10 @@ namespace {
 // the time.
 std::function<int64_t()> coarse_clock;
 
+// Called with what statx has found, and before names of a directory are read.
+std::function<void(struct statx& attributes)> after_look;
+std::function<void(int directory)> before_names;
+
 }  // namespace
 
 // The manager's calls come here.
@@ -27,6 +34,31 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
         return 0;
     }
     return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+}
+
+extern "C" long syscall(long number, ...) noexcept {
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (long& argument : arguments) {
+        argument = va_arg(list, long);
+    }
+    va_end(list);
+    static const auto next = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
+    const long ret = next(number, arguments[0], arguments[1], arguments[2], arguments[3],
+                          arguments[4], arguments[5]);
+    if (number == SYS_statx && ret == 0 && after_look) {
+        after_look(*reinterpret_cast<struct statx*>(arguments[4]));
+    }
+    return ret;
+}
+
+extern "C" DIR* fdopendir(int directory) noexcept {
+    if (before_names) {
+        before_names(directory);
+    }
+    static const auto next = reinterpret_cast<DIR* (*)(int)>(dlsym(RTLD_NEXT, "fdopendir"));
+    return next(directory);
 }
 
 namespace {
@@ -258,6 +290,43 @@ TEST_F(CreateTest, TheClockTickIsWaitedOut) {
     EXPECT_GE(looks, 5);
     EXPECT_EQ(findingsOf(*made.value, source), std::vector<std::string>());
     EXPECT_EQ(dump(mirror("a")), (std::vector<std::string>{"m/", "m/n/"}));
+}
+
+// A change that is under way when the second listing begins: only who reads the names waits for its
+// end, and it is undone at once. No time shows before.
+TEST_F(CreateTest, AChangeWhoseTimeIsStoredLate) {
+    inSource("printf a >a; printf b >b");
+    const auto exchange = [&] {
+        EXPECT_EQ(renameat2(AT_FDCWD, (source + "/a").c_str(), AT_FDCWD, (source + "/b").c_str(),
+                            RENAME_EXCHANGE),
+                  0);
+    };
+    struct stat before = {};
+    stat(source.c_str(), &before);
+    std::atomic<bool> is_under_way = false;
+    HeldLibrary held(volume.root(), "opendir " + source, 2, [&] {
+        is_under_way = true;
+        exchange();
+    });
+    after_look = [&](struct statx& attributes) {
+        if (is_under_way && attributes.stx_ino == before.st_ino) {
+            attributes.stx_ctime.tv_sec = before.st_ctim.tv_sec;
+            attributes.stx_ctime.tv_nsec = static_cast<uint32_t>(before.st_ctim.tv_nsec);
+        }
+    };
+    before_names = [&](int directory) {
+        struct stat status = {};
+        fstat(directory, &status);
+        if (status.st_ino == before.st_ino && is_under_way.exchange(false)) {
+            exchange();
+        }
+    };
+    const auto made = create("a");
+    after_look = nullptr;
+    before_names = nullptr;
+    ASSERT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+    EXPECT_TRUE(held.has_acted);
+    EXPECT_EQ(findingsOf(*made.value, source), std::vector<std::string>{"23 ."});
 }
 
 // A failure removes what was made, leaves what was there, and says what to look at.
