@@ -339,9 +339,18 @@ TEST_F(CreateTest, AFailureOfTheLibraryIsExplained) {
         EXPECT_EQ(made.code, F2FS_SNAPSHOT_ERROR_LIBRARY);
         EXPECT_EQ(made.error.path, source);
         EXPECT_NE(strstr(made.error.message, "/.a.log"), nullptr) << made.error.message;
+        inSource("printf old >b");
     }
     EXPECT_EQ(leftovers(), "./.a.log\n");
     EXPECT_NE(read(at("store/.a.log")).find("open srcfilepath"), std::string::npos);
+    {
+        const HeldLibrary held(
+            volume.root(), "allocate " + at("store/.a.partial/snapshot") + source + "/b", 1, [] {});
+        const auto made = create("a");
+        EXPECT_EQ(made.code, F2FS_SNAPSHOT_ERROR_LIBRARY);
+        EXPECT_EQ(made.error.path, source + "/b");
+        EXPECT_NE(strstr(made.error.message, "no room"), nullptr) << made.error.message;
+    }
     EXPECT_EQ(list(), std::vector<std::string>{"older"});
     expectIntact("older");
     expectWhole("a");
@@ -351,14 +360,14 @@ TEST_F(CreateTest, AFailureOfTheLibraryIsExplained) {
 // A pipe in the place of a file: opened to read only, it waits for somebody who writes.
 TEST_F(CreateTest, ALibraryThatHangsIsEnded) {
     inSource("printf old >a; printf old >b");
-    f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
-    options.time_limit = 1;
     const std::pair<const char*, int32_t> calls[] = {{"open ", F2FS_SNAPSHOT_ERROR_SOURCE},
                                                      {"read ", F2FS_SNAPSHOT_ERROR_TIMEOUT}};
     for (const auto& [call, code] : calls) {
         {
             HeldLibrary held(volume.root(), call + source + "/b", 1,
                              [&] { inSource("rm b; mkfifo b"); });
+            f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
+            options.time_limit = code == F2FS_SNAPSHOT_ERROR_TIMEOUT ? 1 : 0;
             const auto made = create("a", options, {source});
             EXPECT_EQ(made.code, code) << made.error.message;
         }

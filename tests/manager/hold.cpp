@@ -9,6 +9,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -28,9 +29,11 @@ Function* next(const char* name) {
 #ifdef __USE_FILE_OFFSET64
 constexpr const char* OPEN = "open64";
 constexpr const char* READDIR = "readdir64";
+constexpr const char* ALLOCATE = "fallocate64";
 #else
 constexpr const char* OPEN = "open";
 constexpr const char* READDIR = "readdir";
+constexpr const char* ALLOCATE = "fallocate";
 #endif
 
 std::string setting(const char* name) {
@@ -100,6 +103,18 @@ dirent* readdir(DIR* stream) {
         return nullptr;
     }
     return next<dirent*(DIR*)>(READDIR)(stream);
+}
+
+int fallocate(int fd, int mode, off_t offset, off_t length) {
+    char path[PATH_MAX] = "";
+    // Not /proc/self, which is a link: none is followed here.
+    const std::string open = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd);
+    if (readlink(open.c_str(), path, sizeof path - 1) > 0 &&
+        !setting("F2FS_SNAPSHOT_TEST_HOLD").empty() && isNth("allocate", path)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return next<int(int, int, off_t, off_t)>(ALLOCATE)(fd, mode, offset, length);
 }
 
 void __android_log_set_logger(void* logger) {
