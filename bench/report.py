@@ -205,22 +205,21 @@ def manager():
 
 def listing():
     per_size = load("listing")
-    table("listing", ["", "both listings, µs per file", "create as a whole, µs per file",
-                      "peak memory, MiB", "bytes per file", "peak memory of the helper, MiB"],
-          [[name, spread([(each["list"] + each["compare"]) * 1e6 / each["units"] for each in records]),
-            spread([each["sum"] * 1e6 / each["units"] for each in records]),
+
+    def per_file(records, key):
+        return [each[key] * 1e6 / each["units"] for each in records]
+
+    table("listing", ["", "both listings, µs of processor per file",
+                      "create as a whole, µs per file", "peak memory, MiB", "bytes per file"],
+          [[name, spread(per_file(records, "listings_processor")), spread(per_file(records, "sum"), 1),
             f"{middle([each['peak_kib'] for each in records]) / 1024:.1f}",
-            f"{middle([each['peak_kib'] for each in records]) * 1024 / records[0]['units']:,.0f}",
-            f"{middle([each['helper_peak_kib'] for each in records]) / 1024:.1f}"]
+            f"{middle([each['peak_kib'] for each in records]) * 1024 / records[0]['units']:,.0f}"]
            for name, records in per_size.items()])
-    plot("listing", [[records[0]["units"],
-                      *quartiles([(each["list"] + each["compare"]) * 1e6 / each["units"]
-                                  for each in records]),
-                      *quartiles([each["sum"] * 1e6 / each["units"] for each in records])]
-                     for records in per_size.values()],
+    plot("listing", [[records[0]["units"], *quartiles(per_file(records, "listings_processor")),
+                      *quartiles(per_file(records, "sum"))] for records in per_size.values()],
          """set logscale x; set format x "%.0s%c"; set xlabel "files"; set xrange [700:1400000]
         set ylabel "µs per file"; set yrange [0:*]
-        plot $data using 1:3:2:4 with yerrorlines ls 1 title "both listings", \\
+        plot $data using 1:3:2:4 with yerrorlines ls 1 title "both listings, processor", \\
              $data using 1:6:5:7 with yerrorlines ls 2 title "create as a whole" """)
 
 

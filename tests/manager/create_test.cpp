@@ -98,6 +98,15 @@ TEST_F(CreateTest, TreesOfAllKindsAreWhole) {
     EXPECT_EQ(leftovers(), "");
 }
 
+// More than the manifest is written in at once.
+TEST_F(CreateTest, ATreeOfManyNamesIsWhole) {
+    for (int i = 0; i < 5000; ++i) {
+        fs::create_symlink("to " + std::to_string(i), source + "/" + std::to_string(i));
+    }
+    expectWhole("a");
+    expectIntact("a");
+}
+
 TEST_F(CreateTest, InfoTellsAllAndStays) {
     inSource("mkdir m; printf abc >m/f; printf abcde >g; ln -s g l");
     fs::create_directory(at("other"));
