@@ -114,7 +114,8 @@ void addEntry(archive* writer, const std::string& path, const Recorded& line, in
     if (content < 0) {
         return;
     }
-    std::vector<char> buffer(1 << 18);
+    // Most files are small: a large buffer for each would take longer than its digest.
+    std::vector<char> buffer(std::clamp(line.size, UINT64_C(1), UINT64_C(1) << 18));
     off_t offset = 0;
     for (ssize_t length; (length = pread(content, buffer.data(), buffer.size(), offset)) != 0;) {
         if (length < 0) {

@@ -39,21 +39,21 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
 extern "C" long syscall(long number, ...) noexcept {
     va_list list;
     va_start(list, number);
-    long arguments[6];
-    for (long& argument : arguments) {
-        argument = va_arg(list, long);
+    void* arguments[6];
+    for (void*& argument : arguments) {
+        argument = va_arg(list, void*);
     }
     va_end(list);
     static const auto next = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
     const long ret = next(number, arguments[0], arguments[1], arguments[2], arguments[3],
                           arguments[4], arguments[5]);
     if (number == SYS_statx && ret == 0 && after_look) {
-        after_look(*reinterpret_cast<struct statx*>(arguments[4]));
+        after_look(*static_cast<struct statx*>(arguments[4]));
     }
     return ret;
 }
 
-extern "C" DIR* fdopendir(int directory) noexcept {
+extern "C" DIR* fdopendir(int directory) {
     if (before_names) {
         before_names(directory);
     }

@@ -117,6 +117,7 @@ int fallocate(int fd, int mode, off_t offset, off_t length) {
     return next<int(int, int, off_t, off_t)>(ALLOCATE)(fd, mode, offset, length);
 }
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 void __android_log_set_logger(void* logger) {
     if (setting("F2FS_SNAPSHOT_TEST_NO_LOG").empty()) {
         next<void(void*)>("__android_log_set_logger")(logger);
