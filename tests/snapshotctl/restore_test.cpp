@@ -11,7 +11,11 @@ class Restore : public CtlOnVolume {
   protected:
     void SetUp() override {
         CtlOnVolume::SetUp();
-        out = volume.root() / "out";
+        out = base() / "out";
+    }
+    // Elsewhere than on the emulated volume, but on a given one: its attributes are needed.
+    fs::path base() const {
+        return isEmulated() ? volume.root() : top;
     }
     // All that a restore brings back, a line per entry: attributes, link text, content, and which
     // names are those of one file.
@@ -87,7 +91,7 @@ TEST_F(Restore, TakesOnlyWhatIsNamed) {
 TEST_F(Restore, RefusesWithoutTouchingAnything) {
     done({"create", "--name", "one", source});
     fs::create_directories(out);
-    fs::create_directory(volume.root() / "elsewhere");
+    fs::create_directory(base() / "elsewhere");
     const std::string first = *fs::path(source).relative_path().begin();
     const struct {
         const char* what;
@@ -102,13 +106,13 @@ TEST_F(Restore, RefusesWithoutTouchingAnything) {
     };
     for (const auto& c : cases) {
         ASSERT_EQ(shell("cd " + out + " && " + c.before), "") << c.what;
-        const auto before = dump(volume.root());
+        const auto before = dump(base());
         std::vector<std::string> arguments = {"restore", "one", out};
         arguments.insert(arguments.end(), c.options.begin(), c.options.end());
         const Outcome outcome = ctl(arguments);
         EXPECT_EQ(outcome.status, 1) << c.what;
         EXPECT_NE(outcome.err.find(c.says), std::string::npos) << c.what << outcome.err;
-        EXPECT_EQ(dump(volume.root()), before) << c.what;
+        EXPECT_EQ(dump(base()), before) << c.what;
         EXPECT_EQ(shell("find " + out + " -mindepth 1 -delete"), "");
     }
     EXPECT_NE(ctl({"restore", "one", store + "/new"}).err.find("it is in the store"),
@@ -161,7 +165,7 @@ TEST_F(Restore, GivesNobodyTheRightsOfAnother) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to own files as somebody else";
     }
-    for (const fs::path& directory : {volume.root(), top}) {
+    for (const fs::path& directory : {base(), top}) {
         fs::permissions(directory, static_cast<fs::perms>(0755));
     }
     ASSERT_EQ(shell("cd " + source + " && chown -R 65534 . && chown 0 a && chmod 6777 a && mkdir " +
