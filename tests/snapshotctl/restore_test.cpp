@@ -23,7 +23,8 @@ class Restore : public CtlOnVolume {
         return shell("cd " + top +
                      " && find . \\( -type d -printf '%p %y %m %U %G %T@\\n' \\) -o "
                      "-printf '%p %y %m %U %G %s %T@ %n %l\\n' | sort && "
-                     "getfattr -h -R -d -e hex . && find . -type f -exec sha256sum {} + | sort && "
+                     "find . -print0 | sort -z | xargs -0 getfattr -h -d -e hex && "
+                     "find . -type f -exec sha256sum {} + | sort && "
                      "find . -type f -links +1 -printf '%i %p\\n' | sort | "
                      "awk '{ print $1 == last ? \"same\" : \"other\", $2; last = $1 }'");
     }
