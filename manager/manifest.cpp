@@ -115,7 +115,8 @@ void addEntry(archive* writer, const std::string& path, const Recorded& line, in
         return;
     }
     // Most files are small: a large buffer for each would take longer than its digest.
-    std::vector<char> buffer(std::clamp(line.size, UINT64_C(1), UINT64_C(1) << 18));
+    constexpr uint64_t MOST = 1 << 18;
+    std::vector<char> buffer(static_cast<size_t>(std::clamp(line.size, UINT64_C(1), MOST)));
     off_t offset = 0;
     for (ssize_t length; (length = pread(content, buffer.data(), buffer.size(), offset)) != 0;) {
         if (length < 0) {
