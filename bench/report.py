@@ -184,10 +184,49 @@ def messages():
     table("messages", ["messages per file", *words, "all"], rows)
 
 
+def manager():
+    contestants = load("manager")
+    tool = {record["turn"]: record["sum"] for record in next(iter(contestants.values()))}
+    rows, shares = [], []
+    for name, records in contestants.items():
+        ratio = spread([each["sum"] / tool[each["turn"]] for each in records])
+        listings = [(each["list"] + each["compare"]) / each["sum"] for each in records
+                    if "list" in each]
+        rows.append([name, spread([each["sum"] * 1e6 / each["units"] for each in records], 1), ratio,
+                     f"{middle(listings):.1%} ({max(listings):.1%})" if listings else "–"])
+        if listings:
+            shares.append([name, *(f"{middle([each[step] * 1e6 / each['units'] for each in records]):.1f}"
+                                   for step in ("list", "create", "check", "compare", "record",
+                                                "sync", "other"))])
+    table("manager", ["", "create, µs per file", "ratio", "both listings, median (largest)"], rows)
+    table("manager-phases", ["µs per file", "first listing", "create", "check passes",
+                             "second listing", "manifest", "sync", "other"], shares)
+
+
+def listing():
+    per_size = load("listing")
+
+    def per_file(records, key):
+        return [each[key] * 1e6 / each["units"] for each in records]
+
+    table("listing", ["", "both listings, µs of processor per file",
+                      "create as a whole, µs per file", "peak memory, MiB", "bytes per file"],
+          [[name, spread(per_file(records, "listings_processor")), spread(per_file(records, "sum"), 1),
+            f"{middle([each['peak_kib'] for each in records]) / 1024:.1f}",
+            f"{middle([each['peak_kib'] for each in records]) * 1024 / records[0]['units']:,.0f}"]
+           for name, records in per_size.items()])
+    plot("listing", [[records[0]["units"], *quartiles(per_file(records, "listings_processor")),
+                      *quartiles(per_file(records, "sum"))] for records in per_size.values()],
+         """set logscale x; set format x "%.0s%c"; set xlabel "files"; set xrange [700:1400000]
+        set ylabel "µs per file"; set yrange [0:*]
+        plot $data using 1:3:2:4 with yerrorlines ls 1 title "both listings, processor", \\
+             $data using 1:6:5:7 with yerrorlines ls 2 title "create as a whole" """)
+
+
 machine()
 for part, show in {"engine": engine, "scale": scale, "depth": lambda: growth("depth", "level"),
                    "peers": peers, "sizes": sizes, "operations": operations,
-                   "messages": messages}.items():
+                   "messages": messages, "manager": manager, "listing": listing}.items():
     if (results / f"{part}.json").exists():
         show()
     else:

@@ -275,9 +275,55 @@ def messages():
     return records
 
 
+def manager_phases(store, source, digests="plain", preload=""):
+    """What the phases of a create of the manager took, in seconds, and its memory."""
+    env = {**os.environ, **({"LD_PRELOAD": preload} if preload else {})}
+    return json.loads(subprocess.run([build / "bench/bench_manager", store, source, digests], env=env,
+                                     stdout=subprocess.PIPE, check=True).stdout)
+
+
+def manager():
+    """Snapshots of the manager beside those of the tool, on the emulator, in turns."""
+    files = 200 if smoke else 5000
+    image = make_image(512 if smoke else 2048)
+    served = Served("emulated", [emulator, image / "backing"], ["-f"])
+    source, target, store = (served.path / name for name in ("DCIM", "backup", "store"))
+    make_tree(source, files, 8192)
+
+    def by_tool():
+        return {"sum": sum(run([tool, *words])["wall"]
+                           for words in (["pre", source], ["create", source, target]))}
+
+    contestants = {
+        "`f2fs_snapshot pre` and `create`": by_tool,
+        "manager": lambda: manager_phases(store, source),
+        "manager, with digests": lambda: manager_phases(store, source, "digests"),
+    }
+    records = []
+    for turn in range(1 if smoke else 11):
+        for name in random.sample(list(contestants), len(contestants)):
+            revoke(source)
+            run(["sync", "-f", image])
+            records.append({"name": name, "turn": turn, "units": files, **contestants[name]()})
+            if name == list(contestants)[0]:
+                run([tool, "destroy", target])
+    return sorted(records, key=lambda record: list(contestants).index(record["name"]))
+
+
+def listing():
+    """The manager on trees of different sizes: its listings, and the memory that they need."""
+    # Short runs scatter more.
+    turns = {1000: 1} if smoke else {1000: 15, 10_000: 15, 100_000: 5, 1_000_000: 2}
+    for files in turns:
+        make_tree(work / f"files{files}", files, 0)
+    return [{"name": f"{files:,} files", "units": files,
+             **manager_phases(work / "store", work / f"files{files}", preload=str(stub_driver))}
+            for files, number in turns.items() for _ in range(number)]
+
+
 PARTS = {"engine": engine, "scale": scale, "depth": depth, "peers": peers, "sizes": sizes,
-         "operations": operations, "messages": messages}
-NEED_MOUNTS = {"peers", "sizes", "operations", "messages"}
+         "operations": operations, "messages": messages, "manager": manager, "listing": listing}
+NEED_MOUNTS = {"peers", "sizes", "operations", "messages", "manager"}
 OWN_NAMESPACE = ["unshare", "--mount", "--propagation", "private"]
 
 parser = argparse.ArgumentParser()

@@ -440,11 +440,27 @@ void Creation::failStrict() const {
                       " attempts: " + changes_.front().message + more);
 }
 
+// The source file whose snapshot the library could not allocate, by its log; empty: none.
+std::string unallocated(const LibraryLog& log, const std::string& root) {
+    const std::string begin = "fallocate failed dstfilepath = " + root;
+    for (const std::string& line : log.tail()) {
+        if (line.compare(0, begin.size(), begin) == 0) {
+            return line.substr(begin.size(), line.rfind(" dst_file_fd = ") - begin.size());
+        }
+    }
+    return "";
+}
+
 // The library's failure in one sentence: what check says of the trees, if it knows.
 void Creation::explain(const std::string& reason) {
     std::string path = sources_.front().path;
     std::string message = reason;
-    if (library_.result == FILES_KEPT_CHANGING) {
+    const std::string no_room = unallocated(library_.log, partial_->path() + "/snapshot");
+    if (!no_room.empty()) {
+        path = no_room;
+        message = "cannot snapshot " + shown(path) +
+                  ": the volume has no room for its size; make some, or destroy older snapshots";
+    } else if (library_.result == FILES_KEPT_CHANGING) {
         message = "files in " + shown(path) + " kept changing: call again when less is written";
     } else if (!changes_.empty()) {
         path = changes_.front().path;

@@ -114,7 +114,9 @@ void addEntry(archive* writer, const std::string& path, const Recorded& line, in
     if (content < 0) {
         return;
     }
-    std::vector<char> buffer(1 << 18);
+    // Most files are small: a large buffer for each would take longer than its digest.
+    constexpr uint64_t MOST = 1 << 18;
+    std::vector<char> buffer(static_cast<size_t>(std::clamp(line.size, UINT64_C(1), MOST)));
     off_t offset = 0;
     for (ssize_t length; (length = pread(content, buffer.data(), buffer.size(), offset)) != 0;) {
         if (length < 0) {
@@ -132,19 +134,34 @@ void addEntry(archive* writer, const std::string& path, const Recorded& line, in
 
 ManifestWriter::ManifestWriter(int directory, const std::string& path, bool has_digests)
     : path_(path + "/" + MANIFEST_FILE),
+      has_digests_(has_digests),
       fd_(openat(directory, MANIFEST_FILE, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                  S_IRUSR | S_IWUSR)),
-      archive_(newWriter(path_, has_digests)) {
+      archive_(nullptr, archive_write_free) {
     if (!fd_.valid()) {
         failSystem("make", path_);
     }
+    open();
+}
+
+void ManifestWriter::open() {
+    archive_ = newWriter(path_, has_digests_);
     if (archive_write_open_fd(archive_.get(), fd_.get()) != ARCHIVE_OK) {
         failArchive(archive_.get(), path_, F2FS_SNAPSHOT_ERROR_SYSTEM);
     }
+    held_ = 0;
 }
 
 void ManifestWriter::add(const Recorded& line, int content,
                          const std::function<void()>& on_progress) {
+    // libarchive writes nothing before the end, and keeps some hundred bytes per line until then.
+    // One manifest can follow another: its head is a comment.
+    constexpr size_t MOST_HELD = 4096;
+    if (held_ == MOST_HELD) {
+        close();
+        open();
+    }
+    ++held_;
     addEntry(archive_.get(), path_, line, content, on_progress);
 }
 

@@ -52,9 +52,13 @@ class ManifestWriter {
     void close();
 
   private:
+    void open();
+
     std::string path_;
+    bool has_digests_;
     UniqueFd fd_;
     std::unique_ptr<archive, int (*)(archive*)> archive_;
+    size_t held_ = 0;  // lines that libarchive keeps in memory
 };
 
 // The lines of a generation's manifest in the order of a TreeWalk. Throws ERROR_FORMAT for a

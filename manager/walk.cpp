@@ -86,11 +86,17 @@ void TreeWalk::readDirectory() {
         return;
     }
     // The attributes of the descriptor: another directory can have come to the name meanwhile.
-    do {
-        error_ = attributesOf(opened_.get(), ".", attributes_);
-    } while (error_ == 0 && is_unsettled_ && is_unsettled_(attributes_));
+    if (is_unsettled_) {
+        do {
+            error_ = attributesOf(opened_.get(), ".", attributes_);
+        } while (error_ == 0 && is_unsettled_(attributes_));
+    }
+    // Waits for the end of a change of names that is under way, whose time can be set last.
     if (error_ == 0) {
         error_ = readNames(opened_.get(), names_);
+    }
+    if (error_ == 0 && !is_unsettled_) {
+        error_ = attributesOf(opened_.get(), ".", attributes_);
     }
     if (error_ != 0) {
         opened_.reset();

@@ -20,6 +20,7 @@ int comparePaths(const std::string& one, const std::string& other);
 class TreeWalk {
   public:
     // Asked with a directory's attributes, read before its names are: whether to read them again.
+    // Without it, attributes() of a directory are read after its names.
     using IsUnsettled = std::function<bool(const struct statx& attributes)>;
 
     TreeWalk(UniqueFd top, const std::string& path, IsUnsettled is_unsettled = nullptr);

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a snapshot of the manager holds, and what it says of names that change while it is made.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <stdarg.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -18,6 +21,10 @@ namespace {
 // the time.
 std::function<int64_t()> coarse_clock;
 
+// Called with what statx has found, and before names of a directory are read.
+std::function<void(struct statx& attributes)> after_look;
+std::function<void(int directory)> before_names;
+
 }  // namespace
 
 // The manager's calls come here.
@@ -28,6 +35,31 @@ STAND_IN("clock_gettime", int, standInClockGettime, clockid_t clock, timespec* t
         return 0;
     }
     return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+}
+
+extern "C" long syscall(long number, ...) noexcept {
+    va_list list;
+    va_start(list, number);
+    void* arguments[6];
+    for (void*& argument : arguments) {
+        argument = va_arg(list, void*);
+    }
+    va_end(list);
+    static const auto next = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
+    const long ret = next(number, arguments[0], arguments[1], arguments[2], arguments[3],
+                          arguments[4], arguments[5]);
+    if (number == SYS_statx && ret == 0 && after_look) {
+        after_look(*static_cast<struct statx*>(arguments[4]));
+    }
+    return ret;
+}
+
+extern "C" DIR* fdopendir(int directory) {
+    if (before_names) {
+        before_names(directory);
+    }
+    static const auto next = reinterpret_cast<DIR* (*)(int)>(dlsym(RTLD_NEXT, "fdopendir"));
+    return next(directory);
 }
 
 namespace {
@@ -65,6 +97,15 @@ TEST_F(CreateTest, TreesOfAllKindsAreWhole) {
     }
     EXPECT_EQ(list().size(), 10U);
     EXPECT_EQ(leftovers(), "");
+}
+
+// More than the manifest is written in at once.
+TEST_F(CreateTest, ATreeOfManyNamesIsWhole) {
+    for (int i = 0; i < 5000; ++i) {
+        fs::create_symlink("to " + std::to_string(i), source + "/" + std::to_string(i));
+    }
+    expectWhole("a");
+    expectIntact("a");
 }
 
 TEST_F(CreateTest, InfoTellsAllAndStays) {
@@ -291,6 +332,43 @@ TEST_F(CreateTest, TheClockTickIsWaitedOut) {
     EXPECT_EQ(dump(mirror("a")), (std::vector<std::string>{"m/", "m/n/"}));
 }
 
+// A change that is under way when the second listing begins: only who reads the names waits for its
+// end, and it is undone at once. No time shows before.
+TEST_F(CreateTest, AChangeWhoseTimeIsStoredLate) {
+    inSource("printf a >a; printf b >b");
+    const auto exchange = [&] {
+        EXPECT_EQ(renameat2(AT_FDCWD, (source + "/a").c_str(), AT_FDCWD, (source + "/b").c_str(),
+                            RENAME_EXCHANGE),
+                  0);
+    };
+    struct stat before = {};
+    stat(source.c_str(), &before);
+    std::atomic<bool> is_under_way = false;
+    HeldLibrary held(volume.root(), "opendir " + source, 2, [&] {
+        is_under_way = true;
+        exchange();
+    });
+    after_look = [&](struct statx& attributes) {
+        if (is_under_way && attributes.stx_ino == before.st_ino) {
+            attributes.stx_ctime.tv_sec = before.st_ctim.tv_sec;
+            attributes.stx_ctime.tv_nsec = static_cast<uint32_t>(before.st_ctim.tv_nsec);
+        }
+    };
+    before_names = [&](int directory) {
+        struct stat status = {};
+        fstat(directory, &status);
+        if (status.st_ino == before.st_ino && is_under_way.exchange(false)) {
+            exchange();
+        }
+    };
+    const auto made = create("a");
+    after_look = nullptr;
+    before_names = nullptr;
+    ASSERT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
+    EXPECT_TRUE(held.has_acted);
+    EXPECT_EQ(findingsOf(*made.value, source), std::vector<std::string>{"23 ."});
+}
+
 // A failure removes what was made, leaves what was there, and says what to look at.
 TEST_F(CreateTest, AFailureOfTheLibraryIsExplained) {
     inSource("printf old >a; printf old >b");
@@ -301,9 +379,18 @@ TEST_F(CreateTest, AFailureOfTheLibraryIsExplained) {
         EXPECT_EQ(made.code, F2FS_SNAPSHOT_ERROR_LIBRARY);
         EXPECT_EQ(made.error.path, source);
         EXPECT_NE(strstr(made.error.message, "/.a.log"), nullptr) << made.error.message;
+        inSource("printf old >b");
     }
     EXPECT_EQ(leftovers(), "./.a.log\n");
     EXPECT_NE(read(at("store/.a.log")).find("open srcfilepath"), std::string::npos);
+    {
+        const HeldLibrary held(
+            volume.root(), "allocate " + at("store/.a.partial/snapshot") + source + "/b", 1, [] {});
+        const auto made = create("a");
+        EXPECT_EQ(made.code, F2FS_SNAPSHOT_ERROR_LIBRARY);
+        EXPECT_EQ(made.error.path, source + "/b");
+        EXPECT_NE(strstr(made.error.message, "no room"), nullptr) << made.error.message;
+    }
     EXPECT_EQ(list(), std::vector<std::string>{"older"});
     expectIntact("older");
     expectWhole("a");
@@ -313,14 +400,14 @@ TEST_F(CreateTest, AFailureOfTheLibraryIsExplained) {
 // A pipe in the place of a file: opened to read only, it waits for somebody who writes.
 TEST_F(CreateTest, ALibraryThatHangsIsEnded) {
     inSource("printf old >a; printf old >b");
-    f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
-    options.time_limit = 1;
     const std::pair<const char*, int32_t> calls[] = {{"open ", F2FS_SNAPSHOT_ERROR_SOURCE},
                                                      {"read ", F2FS_SNAPSHOT_ERROR_TIMEOUT}};
     for (const auto& [call, code] : calls) {
         {
             HeldLibrary held(volume.root(), call + source + "/b", 1,
                              [&] { inSource("rm b; mkfifo b"); });
+            f2fs_snapshot_create_options options = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
+            options.time_limit = code == F2FS_SNAPSHOT_ERROR_TIMEOUT ? 1 : 0;
             const auto made = create("a", options, {source});
             EXPECT_EQ(made.code, code) << made.error.message;
         }

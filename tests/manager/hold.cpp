@@ -9,6 +9,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -91,6 +92,18 @@ STAND_IN(LARGE(readdir), dirent*, standInReaddir, DIR* stream) {
         return nullptr;
     }
     return next<dirent*(DIR*)>(LARGE(readdir))(stream);
+}
+
+STAND_IN(LARGE(fallocate), int, standInFallocate, int fd, int mode, off_t offset, off_t length) {
+    char path[PATH_MAX] = "";
+    // Not /proc/self, which is a link: none is followed here.
+    const std::string open = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd);
+    if (readlink(open.c_str(), path, sizeof path - 1) > 0 &&
+        !setting("F2FS_SNAPSHOT_TEST_HOLD").empty() && isNth("allocate", path)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return next<int(int, int, off_t, off_t)>(LARGE(fallocate))(fd, mode, offset, length);
 }
 
 STAND_IN("__android_log_set_logger", void, standInSetLogger, void* logger) {

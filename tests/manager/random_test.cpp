@@ -209,19 +209,29 @@ using RandomTest = ManagerOnVolume;
 
 TEST_F(RandomTest, WholeIsTheTreeAfterOneStep) {
     const size_t max_steps = 3000000;
-    auto* const shared = static_cast<volatile size_t*>(
-        mmap(nullptr, sizeof(size_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    struct Shared {
+        volatile size_t steps;
+        volatile size_t creates;  // begun
+    };
+    auto* const shared = static_cast<Shared*>(
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     Random random;
     const auto seed = static_cast<uint32_t>(random.below(1U << 31));
     const pid_t writer = startChild([&] {
         const int directory = open(source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         Writer steps(seed);
         Random pauses(seed + 1);
-        for (*shared = 0; *shared < max_steps; *shared = *shared + 1) {
+        while (shared->steps < max_steps) {
             Writer::act(directory, steps.next());
-            // Bursts, and rests in which a create has a chance.
+            shared->steps = shared->steps + 1;
+            // Bursts, and rests in which a create has a chance; some last for a whole create,
+            // however slow the machine is.
             usleep(static_cast<useconds_t>(pauses.below(10) == 0 ? pauses.below(100000)
                                                                  : pauses.below(1000)));
+            const size_t enough = shared->creates + (pauses.below(100) == 0 ? 2 : 0);
+            while (shared->creates < enough) {
+                usleep(1000);
+            }
         }
         return 0;
     });
@@ -233,9 +243,10 @@ TEST_F(RandomTest, WholeIsTheTreeAfterOneStep) {
     int named = 0;
     const int wanted = rounds(20, 400);
     for (int i = 0; i < wanted && !HasFailure(); ++i) {
-        const size_t begin = *shared;
+        const size_t begin = shared->steps;
+        shared->creates = shared->creates + 1;
         const auto made = create("a", 1 + static_cast<uint32_t>(random.below(3)));
-        const size_t end = *shared;
+        const size_t end = shared->steps;
         if (made.code != F2FS_SNAPSHOT_OK) {
             // Files that kept changing or went away: the library gave up.
             EXPECT_EQ(made.code, F2FS_SNAPSHOT_ERROR_LIBRARY) << made.error.message;
@@ -261,7 +272,7 @@ TEST_F(RandomTest, WholeIsTheTreeAfterOneStep) {
         EXPECT_EQ(destroy("a"), F2FS_SNAPSHOT_OK);
     }
     endChild(writer, SIGKILL);
-    munmap(const_cast<size_t*>(shared), sizeof(size_t));
+    munmap(shared, sizeof(Shared));
     EXPECT_GT(whole, 0);
     std::cout << whole << " whole snapshots, " << disturbed << " of them among changes; " << named
               << " with changes named, of " << wanted << std::endl;

@@ -175,12 +175,13 @@ struct Obstacle {
 
 // What check says and what create then does are one.
 TEST_F(StoreTest, CheckTellsWhatCreateDoes) {
+    const bool has_room = fs::space(top).available > UINT64_C(4) << 30;
     const Obstacle obstacles[] = {
         {"true", {}},
         {"touch f; ln -s none l; mkdir m", {}},
         {"mkfifo p", {"2 p"}},
         {"mkdir m; mknod m/d c 1 3; mkfifo m/p", {"2 m/d", "2 m/p"}},
-        {"truncate -s 2147483647 f", {}},
+        {has_room ? "truncate -s 2147483647 f" : "true", {}},
         {"truncate -s 2147483648 f", {"3 f"}},
         {"truncate -s 4294967295 f", {"3 f"}},
         {"truncate -s 4294967296 f", {"3 f"}},

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program f2fs_snapshotctl on a mounted volume.
+// The program f2fs_snapshotctl on a volume.
 #pragma once
 
 #include "tests/emulator_mount.h"
 #include "tests/helpers.h"
 
 // "source" has a few files at first; the store does not exist.
-class CtlOnVolume : public EmulatedVolume {
+class CtlOnVolume : public VolumeTest {
   protected:
     void SetUp() override {
-        EmulatedVolume::SetUp();
+        VolumeTest::SetUp();
         if (!IsSkipped()) {
             setenv("F2FS_SNAPSHOT_STORE", store.c_str(), 1);
             fs::create_directories(source + "/sub");
@@ -19,7 +19,7 @@ class CtlOnVolume : public EmulatedVolume {
     }
     void TearDown() override {
         unsetenv("F2FS_SNAPSHOT_STORE");
-        EmulatedVolume::TearDown();
+        VolumeTest::TearDown();
     }
 
     static std::vector<std::string> words(std::vector<std::string> arguments) {
@@ -40,6 +40,5 @@ class CtlOnVolume : public EmulatedVolume {
         return shell("ls -A " + store);
     }
 
-    std::string source = at("source");
     std::string store = at("store");
 };

@@ -11,14 +11,20 @@ class Restore : public CtlOnVolume {
   protected:
     void SetUp() override {
         CtlOnVolume::SetUp();
-        out = volume.root() / "out";
+        out = base() / "out";
+    }
+    // Elsewhere than on the emulated volume, but on a given one: its attributes are needed.
+    fs::path base() const {
+        return isEmulated() ? volume.root() : top;
     }
     // All that a restore brings back, a line per entry: attributes, link text, content, and which
     // names are those of one file.
     static std::string described(const std::string& top) {
         return shell("cd " + top +
-                     " && find . -printf '%p %y %m %U %G %s %T@ %n %l\\n' | sort && "
-                     "getfattr -h -R -d -e hex . && find . -type f -exec sha256sum {} + | sort && "
+                     " && find . \\( -type d -printf '%p %y %m %U %G %T@\\n' \\) -o "
+                     "-printf '%p %y %m %U %G %s %T@ %n %l\\n' | sort && "
+                     "find . -print0 | sort -z | xargs -0 getfattr -h -d -e hex && "
+                     "find . -type f -exec sha256sum {} + | sort && "
                      "find . -type f -links +1 -printf '%i %p\\n' | sort | "
                      "awk '{ print $1 == last ? \"same\" : \"other\", $2; last = $1 }'");
     }
@@ -86,7 +92,8 @@ TEST_F(Restore, TakesOnlyWhatIsNamed) {
 TEST_F(Restore, RefusesWithoutTouchingAnything) {
     done({"create", "--name", "one", source});
     fs::create_directories(out);
-    fs::create_directory(volume.root() / "elsewhere");
+    fs::create_directory(base() / "elsewhere");
+    const std::string first = *fs::path(source).relative_path().begin();
     const struct {
         const char* what;
         std::string before;  // a script that is run in the destination
@@ -95,18 +102,18 @@ TEST_F(Restore, RefusesWithoutTouchingAnything) {
     } cases[] = {
         {"something there", "touch there", {}, "it is not empty"},
         {"a directory for a file", "mkdir -p ." + source + "/a", {"--overwrite"}, "another type"},
-        {"a file for a directory", "touch tmp", {"--overwrite"}, "another type"},
-        {"a link for a directory", "ln -s ../elsewhere tmp", {"--overwrite"}, "another type"},
+        {"a file for a directory", "touch " + first, {"--overwrite"}, "another type"},
+        {"a link for a directory", "ln -s ../elsewhere " + first, {"--overwrite"}, "another type"},
     };
     for (const auto& c : cases) {
         ASSERT_EQ(shell("cd " + out + " && " + c.before), "") << c.what;
-        const auto before = dump(volume.root());
+        const auto before = dump(base());
         std::vector<std::string> arguments = {"restore", "one", out};
         arguments.insert(arguments.end(), c.options.begin(), c.options.end());
         const Outcome outcome = ctl(arguments);
         EXPECT_EQ(outcome.status, 1) << c.what;
         EXPECT_NE(outcome.err.find(c.says), std::string::npos) << c.what << outcome.err;
-        EXPECT_EQ(dump(volume.root()), before) << c.what;
+        EXPECT_EQ(dump(base()), before) << c.what;
         EXPECT_EQ(shell("find " + out + " -mindepth 1 -delete"), "");
     }
     EXPECT_NE(ctl({"restore", "one", store + "/new"}).err.find("it is in the store"),
@@ -159,7 +166,9 @@ TEST_F(Restore, GivesNobodyTheRightsOfAnother) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root, to own files as somebody else";
     }
-    fs::permissions(volume.root(), static_cast<fs::perms>(0755));
+    for (const fs::path& directory : {base(), top}) {
+        fs::permissions(directory, static_cast<fs::perms>(0755));
+    }
     ASSERT_EQ(shell("cd " + source + " && chown -R 65534 . && chown 0 a && chmod 6777 a && mkdir " +
                     store + " " + out + " && chmod 700 " + store + " && chown 65534 " + store +
                     " " + out),
