@@ -487,8 +487,9 @@ typedef struct f2fs_snapshot_prune_result {
 F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_prune_result_free(f2fs_snapshot_prune_result* result);
 
 /*
- * Removes the snapshots that no rule keeps, the oldest first. Damaged and temporary ones are neither
- * counted nor removed. One that somebody verifies or restores stays, for the reason "in use".
+ * Removes the snapshots that no rule keeps, the oldest first. Damaged and temporary ones are
+ * neither counted nor removed. One that somebody verifies or restores stays, for the reason "in
+ * use".
  *
  * result  may be NULL; f2fs_snapshot_prune_result_free
  *

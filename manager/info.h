@@ -4,8 +4,8 @@
 //     {"format": 1, "name": "a", "sources": ["/data/x"], "created": NANOSECONDS,
 //      "instant": [EARLIEST, LATEST], "files": 3, "directories": 1, "links": 0, "bytes": 12,
 //      "attempts": 1, "passes": 1, "files_again": 0, "whole": true, "links_blocked": true,
-//      "digests": false, "temporary": false, "findings": [{"path": "/data/x/a", "kind": 8, "severity": 2,
-//      "os_error": 0, "message": "..."}]}
+//      "digests": false, "temporary": false, "findings": [{"path": "/data/x/a", "kind": 8,
+//      "severity": 2, "os_error": 0, "message": "..."}]}
 //
 // JSON is Unicode text. Bytes of paths that are not UTF-8, control characters and "%" are written
 // as %XX. A reader accepts members that it does not know, and no other format than 1.
