@@ -38,7 +38,7 @@ TEST_F(StoreTest, IsForItsOwnerOnly) {
     EXPECT_EQ(reopen(at("none")), F2FS_SNAPSHOT_ERROR_SYSTEM);
     EXPECT_EQ(reopen(at("none/none"), F2FS_SNAPSHOT_STORE_CREATE), F2FS_SNAPSHOT_ERROR_SYSTEM);
     EXPECT_EQ(reopen(at("store"), 2), F2FS_SNAPSHOT_ERROR_ARGUMENT);
-    for (const mode_t mode : {0750, 0702, 0701}) {
+    for (const mode_t mode : {0750U, 0702U, 0701U}) {
         chmod(at("store").c_str(), mode);
         EXPECT_EQ(reopen(at("store")), F2FS_SNAPSHOT_ERROR_STORE) << mode;
     }
