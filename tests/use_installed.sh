@@ -44,9 +44,12 @@ if [[ -e $prefix/bin/f2fs_emulator && -e $prefix/bin/f2fs_snapshotctl && -c /dev
     "$prefix/bin/f2fs_snapshotctl" -s "$work/volume/store" create --name first "$work/volume/photos"
     grep data "$work/volume/store/first/snapshot$work/volume/photos/file"
     if [[ -e $prefix/share/java/f2fs_snapshot.jar ]]; then
-        library=$(find "$prefix"/lib* -name libf2fs_snapshot_java.so)
-        java -cp "$prefix/share/java/f2fs_snapshot.jar" -Djava.library.path="${library%/*}" \
-            "$example" "$work/volume/photos" "$work/volume/store" | grep '^all as of'
+        options=(-cp "$prefix/share/java/f2fs_snapshot.jar")
+        if [[ $prefix != /usr ]]; then # where Debian's VM looks by itself
+            library=$(find "$prefix"/lib* -name libf2fs_snapshot_java.so)
+            options+=(-Djava.library.path="${library%/*}")
+        fi
+        java "${options[@]}" "$example" "$work/volume/photos" "$work/volume/store" | grep '^all as of'
     fi
     fusermount3 -u "$work/volume"
 fi
