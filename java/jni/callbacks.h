@@ -5,8 +5,8 @@
 #include "java/jni/environment.h"
 #include "manager/f2fs_snapshot_manager.h"
 
-// For one call, on the thread that makes it. An exception that the listener throws stays pending:
-// no further callback reaches Java, and the call is cancelled.
+// For one call, on its thread. An exception of the listener stays pending: no further callback
+// calls Java, and the call is cancelled.
 class Callbacks {
   public:
     // Each object may be null.

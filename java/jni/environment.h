@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Java values as C++ values, and back. A function that a Java exception ends throws JavaException.
+// Java values as C++ values, and back. Functions throw JavaException if a Java exception is
+// pending.
 #pragma once
 
 #include <jni.h>
@@ -7,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// A Java exception is pending. Nothing but references may be released until the VM has it.
+// A Java exception is pending. Until the native method returns, only references may be released.
 struct JavaException {};
 
 inline void throwIfPending(JNIEnv* env) {
@@ -16,11 +17,11 @@ inline void throwIfPending(JNIEnv* env) {
     }
 }
 
-// A local reference, deleted with this object: a list can have more entries than a frame has room.
+// A local reference, deleted with this object: a long list would exceed the capacity of a frame.
 template <typename Reference>
 class Local {
   public:
-    // `reference` is what a function of `env` has just returned.
+    // `reference` has just been returned by a function of `env`.
     Local(JNIEnv* env, Reference reference) : env_(env), reference_(reference) {
         throwIfPending(env);
     }

@@ -48,8 +48,8 @@ f2fs_snapshot_store* storeAt(jlong address) {
     return reinterpret_cast<f2fs_snapshot_store*>(static_cast<uintptr_t>(address));
 }
 
-// Calls a function of the manager: call(&error). A listener's exception comes before what it led
-// to.
+// Calls a function of the manager: call(&error). An exception of a listener takes precedence over
+// the failure that it caused.
 template <typename Call>
 void callManager(JNIEnv* env, Call call) {
     f2fs_snapshot_error error = F2FS_SNAPSHOT_ERROR_INIT;
@@ -60,7 +60,7 @@ void callManager(JNIEnv* env, Call call) {
     }
 }
 
-// The same for one that returns a structure: call(&result, &error).
+// The same for a function that returns a structure: call(&result, &error).
 template <typename Result, typename Call>
 Owned<Result> resultOf(JNIEnv* env, Call call) {
     Result* result = nullptr;
@@ -108,8 +108,7 @@ jobject check(JNIEnv* env, jclass /*type*/, jlong store, jobjectArray sources, j
     });
 }
 
-// The snapshot is there when the manager returns, so whatever keeps its caller from knowing of it
-// destroys it.
+// Destroys the new snapshot if its information cannot be returned: the caller would not know of it.
 jobject createOrNothing(JNIEnv* env, f2fs_snapshot_store* store,
                         const std::vector<const char*>& sources,
                         const f2fs_snapshot_create_options& options) {
@@ -253,7 +252,7 @@ jobjectArray prune(JNIEnv* env, jclass /*type*/, jlong store, jint last, jint ho
     });
 }
 
-// A JDK's jni.h declares name and signature without const, the NDK's with it.
+// The members for name and signature are char* in a JDK's jni.h, const char* in the NDK's.
 template <typename Function>
 JNINativeMethod method(const char* name, const char* signature, Function function) {
     return {const_cast<char*>(name), const_cast<char*>(signature),
@@ -285,7 +284,7 @@ bool registerMethods(JNIEnv* env) {
 
 }  // namespace
 
-// What fails leaves a Java exception, which the load throws.
+// A failed step leaves a Java exception pending, which System.loadLibrary throws.
 extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void* /*reserved*/) {
     void* env = nullptr;
     if (vm->GetEnv(&env, JNI_VERSION_1_6) != JNI_OK ||

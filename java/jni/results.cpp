@@ -32,7 +32,7 @@ jboolean toBoolean(int32_t value) {
     return value != 0 ? JNI_TRUE : JNI_FALSE;
 }
 
-// Entries can be longer than they are known here: `size` is from one to the next.
+// A newer manager can return longer entries: `size` is the distance from one entry to the next.
 template <typename Entry>
 const Entry& entryAt(const Entry* entries, size_t size, size_t index) {
     return *reinterpret_cast<const Entry*>(reinterpret_cast<const char*>(entries) + index * size);
@@ -51,7 +51,7 @@ Local<jobjectArray> newArray(JNIEnv* env, const Type& type, const Entry* entries
     return array;
 }
 
-// A report, or the like-named members of a snapshot's information.
+// `source` is a report, or a snapshot's information, which has members of the same names.
 template <typename Source>
 Local<jobject> newReport(JNIEnv* env, const Source& source) {
     const Type finding_type(env, "f2fs/snapshot/Finding", "([BIII[B)V");

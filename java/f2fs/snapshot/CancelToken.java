@@ -4,9 +4,9 @@ package f2fs.snapshot;
 /**
  * Ends calls from another thread.
  *
- * <p>A call that has been given the token looks at it about every tenth of a second, and before each
- * step that cannot be undone. It then fails with {@link ErrorCode#CANCELLED}. A token stays
- * cancelled.
+ * <p>A call that has the token checks it about every tenth of a second, and before each step that
+ * cannot be undone. If the token is cancelled, the call fails with {@link ErrorCode#CANCELLED}. A
+ * token stays cancelled.
  */
 public final class CancelToken {
     private volatile boolean cancelled;

@@ -28,7 +28,7 @@ public final class CreateOptions {
     }
 
     /**
-     * Begins with the defaults.
+     * Returns a builder with the defaults.
      *
      * @return a builder
      */
@@ -62,8 +62,9 @@ public final class CreateOptions {
         }
 
         /**
-         * Fails with {@link ErrorCode#NOT_WHOLE} unless the snapshot is whole and no file has two
-         * names. Default: such a snapshot is kept, and {@link SnapshotInfo#findings} tells.
+         * Lets create fail with {@link ErrorCode#NOT_WHOLE} unless the snapshot is whole and no
+         * file has two names. Default: such a snapshot is kept, and {@link SnapshotInfo#findings}
+         * says why.
          *
          * @param value true to fail
          * @return this
@@ -96,7 +97,7 @@ public final class CreateOptions {
         }
 
         /**
-         * Limits one call of the snapshot library, which otherwise fails with {@link
+         * Limits the time of one call of the snapshot library. After it, create fails with {@link
          * ErrorCode#TIMEOUT}. Default: one hour.
          *
          * @param value more than 0; rounded up to seconds
@@ -108,7 +109,7 @@ public final class CreateOptions {
         }
 
         /**
-         * The program {@code f2fs_snapshot_helper}. Default: as installed with the library.
+         * Sets the program {@code f2fs_snapshot_helper}. Default: as installed with the library.
          *
          * @param value its path
          * @return this
@@ -119,7 +120,7 @@ public final class CreateOptions {
         }
 
         /**
-         * Hears how far the call has come. Default: nobody.
+         * Sets a listener for the call's progress. Default: none.
          *
          * @param value the listener
          * @return this
@@ -130,7 +131,7 @@ public final class CreateOptions {
         }
 
         /**
-         * Can cancel the call. Default: nothing can.
+         * Sets a token that can cancel the call. Default: none.
          *
          * @param value the token
          * @return this
@@ -141,9 +142,9 @@ public final class CreateOptions {
         }
 
         /**
-         * The options as they are now.
+         * Builds the options as set so far.
          *
-         * @return options that do not change, for any number of calls
+         * @return immutable options, for any number of calls
          */
         public CreateOptions build() {
             return new CreateOptions(this);

@@ -5,7 +5,7 @@ package f2fs.snapshot;
 public enum ErrorCode {
     /** A parameter that no call could accept. */
     ARGUMENT(1),
-    /** A system call failed: {@link SnapshotException#osError()} tells. */
+    /** A system call failed, with {@link SnapshotException#osError()}. */
     SYSTEM(2),
     /** The directory cannot serve as a store. */
     STORE(3),
@@ -19,7 +19,7 @@ public enum ErrorCode {
     NOT_FOUND(7),
     /** Another call holds the store, a source or a snapshot. */
     BUSY(8),
-    /** The {@link CancelToken} asked for it. */
+    /** The {@link CancelToken} was cancelled. */
     CANCELLED(9),
     /** The time limit has passed. */
     TIMEOUT(10),

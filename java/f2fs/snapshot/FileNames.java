@@ -16,8 +16,8 @@ import java.util.Arrays;
  * Paths and names as the bytes that the file system has.
  *
  * <p>A Path of the default file system holds bytes, but shows them only as text in the locale's
- * encoding, which replaces what it cannot decode. Its URI has every byte, percent-encoded, so paths
- * go through that, in both directions.
+ * encoding, which replaces bytes that it cannot decode. Its URI has every byte, percent-encoded. So
+ * paths are converted through URIs, in both directions.
  */
 final class FileNames {
     private static final Path ROOT = Paths.get("/");

@@ -123,7 +123,7 @@ public final class Finding {
     }
 
     /**
-     * What it is about.
+     * The path that the finding is about.
      *
      * @return the path, absolute
      */
@@ -141,7 +141,7 @@ public final class Finding {
     }
 
     /**
-     * How much it matters.
+     * How much the finding matters.
      *
      * @return the severity
      */
@@ -150,7 +150,7 @@ public final class Finding {
     }
 
     /**
-     * The error of the system call that led to it.
+     * The error of the system call that led to the finding.
      *
      * @return a Linux errno value, or 0
      */

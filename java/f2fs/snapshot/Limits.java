@@ -3,7 +3,7 @@ package f2fs.snapshot;
 
 import java.time.Duration;
 
-/** What numbers in options can be. */
+/** Ranges of numbers in options. */
 final class Limits {
     static final long UINT32_MAX = 0xFFFF_FFFFL;
 

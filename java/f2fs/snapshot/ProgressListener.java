@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package f2fs.snapshot;
 
-/** Hears how far a call has come. */
+/** Receives the progress of a call. */
 @FunctionalInterface
 public interface ProgressListener {
     /**

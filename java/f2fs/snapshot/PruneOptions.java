@@ -8,9 +8,9 @@ import java.util.Objects;
  * Which snapshots are kept.
  *
  * <p>Each rule keeps the newest snapshot of each of the newest N hours, days, ISO weeks, months or
- * years that have one, in local time, and counts for itself. A rule that finds fewer than N keeps the
- * oldest snapshot, too. A snapshot that no rule keeps is removed, except the newest whole one. At
- * least one rule must be given.
+ * years that have one, in local time. Each rule counts separately. A rule that finds fewer than N
+ * also keeps the oldest snapshot. A snapshot that no rule keeps is removed, except the newest whole
+ * one. At least one rule must be given.
  */
 public final class PruneOptions {
     final int last;
@@ -38,7 +38,7 @@ public final class PruneOptions {
     }
 
     /**
-     * Begins without a rule.
+     * Returns a builder without a rule.
      *
      * @return a builder
      */
@@ -128,9 +128,9 @@ public final class PruneOptions {
         }
 
         /**
-         * Keeps all snapshots that are not much older than the newest.
+         * Keeps all snapshots that are less than this much older than the newest.
          *
-         * @param value how much, rounded up to seconds; zero: no such rule
+         * @param value the time span, rounded up to seconds; zero: no such rule
          * @return this
          */
         public Builder keepWithin(Duration value) {
@@ -139,7 +139,7 @@ public final class PruneOptions {
         }
 
         /**
-         * Only tells what would be removed. Default: removes.
+         * Changes nothing and reports what would be removed. Default: false.
          *
          * @param value true to change nothing
          * @return this
@@ -150,7 +150,7 @@ public final class PruneOptions {
         }
 
         /**
-         * Hears how far the call has come. Default: nobody.
+         * Sets a listener for the call's progress. Default: none.
          *
          * @param value the listener
          * @return this
@@ -161,8 +161,8 @@ public final class PruneOptions {
         }
 
         /**
-         * Can cancel the call. Snapshots that have been removed before stay removed. Default:
-         * nothing can.
+         * Sets a token that can cancel the call. Snapshots that have been removed before stay
+         * removed. Default: none.
          *
          * @param value the token
          * @return this
@@ -173,9 +173,9 @@ public final class PruneOptions {
         }
 
         /**
-         * The options as they are now.
+         * Builds the options as set so far.
          *
-         * @return options that do not change, for any number of calls
+         * @return immutable options, for any number of calls
          */
         public PruneOptions build() {
             return new PruneOptions(this);

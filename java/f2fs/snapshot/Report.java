@@ -5,7 +5,7 @@ import java.util.Arrays;
 import java.util.Collections;
 import java.util.List;
 
-/** What a call found, and what it counted on the way. */
+/** The findings of a call, and the number of entries that it met. */
 public final class Report {
     private final List<Finding> findings;
     private final long files;

@@ -7,7 +7,7 @@ import java.util.Arrays;
 import java.util.List;
 import java.util.Objects;
 
-/** What of a snapshot is restored, and how. */
+/** Which part of a snapshot is restored, and how. */
 public final class RestoreOptions {
     final Path[] paths;
     final boolean overwrite;
@@ -24,7 +24,7 @@ public final class RestoreOptions {
     }
 
     /**
-     * Begins with the defaults.
+     * Returns a builder with the defaults.
      *
      * @return a builder
      */
@@ -43,7 +43,8 @@ public final class RestoreOptions {
         private Builder() {}
 
         /**
-         * Adds files or directories, by the paths that they had in the sources. Default: everything.
+         * Adds files or directories, by the paths that they had in the sources. Default:
+         * everything.
          *
          * @param values the paths
          * @return this
@@ -54,8 +55,9 @@ public final class RestoreOptions {
         }
 
         /**
-         * Restores into what the destination holds: files and links that exist are replaced, each in
-         * one step; nothing else is removed. Default: the destination has to be empty or missing.
+         * Restores into a destination that is not empty: files and links that exist are replaced,
+         * each in one step; nothing else is removed. Default: the destination has to be empty or
+         * missing.
          *
          * @param value true to overwrite
          * @return this
@@ -66,7 +68,8 @@ public final class RestoreOptions {
         }
 
         /**
-         * Only tells what would be restored, and what is in the way. Default: restores.
+         * Changes nothing and reports what would be restored, and what is in the way. Default:
+         * false.
          *
          * @param value true to change nothing
          * @return this
@@ -77,7 +80,7 @@ public final class RestoreOptions {
         }
 
         /**
-         * Hears how far the call has come. Default: nobody.
+         * Sets a listener for the call's progress. Default: none.
          *
          * @param value the listener
          * @return this
@@ -88,7 +91,7 @@ public final class RestoreOptions {
         }
 
         /**
-         * Can cancel the call. Default: nothing can.
+         * Sets a token that can cancel the call. Default: none.
          *
          * @param value the token
          * @return this
@@ -99,9 +102,9 @@ public final class RestoreOptions {
         }
 
         /**
-         * The options as they are now.
+         * Builds the options as set so far.
          *
-         * @return options that do not change, for any number of calls
+         * @return immutable options, for any number of calls
          */
         public RestoreOptions build() {
             return new RestoreOptions(this);

@@ -8,8 +8,8 @@ import java.nio.file.Path;
  * A snapshot in use. Closing it destroys it, unless {@link #keep} has been called or it came from
  * {@link SnapshotStore#openSnapshot}.
  *
- * <p>One that is never closed stays in its store, as after {@link #keep}. The store can be closed
- * before its snapshots. All functions can be called from any thread.
+ * <p>A snapshot that is never closed stays in its store, as after {@link #keep}. The store can be
+ * closed before its snapshots. All functions can be called from any thread.
  */
 public final class Snapshot implements AutoCloseable {
     private final StoreHandle store;
@@ -53,11 +53,13 @@ public final class Snapshot implements AutoCloseable {
     }
 
     /**
-     * Where a source, or a path below one, is in the snapshot. It is not looked for there.
+     * Where a source, or a path below one, is in the snapshot. The path in the snapshot need not
+     * exist.
      *
-     * @param source a path in the sources. If none of them holds it, its symbolic links are resolved
+     * @param source a path in the sources. If none of them holds it, its symbolic links are
+     *     resolved
      * @return the path in the snapshot, absolute
-     * @throws IllegalArgumentException if it lies in no source
+     * @throws IllegalArgumentException if {@code source} lies in no source
      * @throws IllegalStateException if the snapshot is closed
      */
     public Path pathOf(Path source) {
@@ -100,14 +102,14 @@ public final class Snapshot implements AutoCloseable {
     }
 
     /**
-     * Destroys the snapshot, unless it is kept. Nothing happens if it is closed already. One that
-     * somebody else has destroyed meanwhile is no failure, and another one that has its name now is
-     * not touched.
+     * Destroys the snapshot, unless it is kept. Does nothing if it is closed already, or if
+     * somebody else has destroyed it meanwhile. Another snapshot that has its name now is not
+     * touched.
      *
      * @throws SnapshotException if it cannot be destroyed: {@link ErrorCode#BUSY} while somebody
      *     verifies or restores it, or changes the store ({@link SnapshotStore#setBusyTimeout});
-     *     {@link ErrorCode#SYSTEM}. It is closed all the same and stays in the store; {@link
-     *     SnapshotStore#destroy} can be tried
+     *     {@link ErrorCode#SYSTEM}. The object is closed then, but the snapshot stays in the store;
+     *     {@link SnapshotStore#destroy} can remove it later
      */
     @Override
     public void close() throws SnapshotException {

@@ -21,8 +21,8 @@ public final class SnapshotEntry {
     }
 
     /**
-     * The snapshot's name. If it is not text in UTF-8, U+FFFD stands for what cannot be decoded, and
-     * {@link #problem} says so.
+     * The snapshot's name. If it is not text in UTF-8, U+FFFD stands for what cannot be decoded,
+     * and {@link #problem} says so.
      *
      * @return the name
      */
@@ -40,8 +40,8 @@ public final class SnapshotEntry {
     }
 
     /**
-     * Why the snapshot cannot be used: {@link ErrorCode#FORMAT} for a damaged one or one of an
-     * unknown format.
+     * Why the snapshot cannot be used: {@link ErrorCode#FORMAT} if it is damaged or of an unknown
+     * format.
      *
      * @return nothing if there is no problem
      */

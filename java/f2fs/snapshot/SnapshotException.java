@@ -13,7 +13,7 @@ public final class SnapshotException extends IOException {
     private final ErrorCode code;
     /** A Linux errno value, or 0. */
     private final int osError;
-    /** What it is about, in bytes; empty if nothing. */
+    /** The path that it is about, in bytes; empty if none. */
     private final byte[] path;
 
     /** Called by native code as well. */

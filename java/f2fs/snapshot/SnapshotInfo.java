@@ -192,9 +192,9 @@ public final class SnapshotInfo {
     }
 
     /**
-     * Tells whether symbolic links put in the library's way could not be followed.
+     * Tells whether the library ran where no symbolic link is followed.
      *
-     * @return true if they could not
+     * @return false if links that others put in its way could be followed
      */
     public boolean linksBlocked() {
         return linksBlocked;

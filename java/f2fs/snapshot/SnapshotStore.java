@@ -10,12 +10,13 @@ import java.util.List;
 /**
  * A directory that keeps snapshots under names.
  *
- * <p>Only its owner can enter it. A name that exists in it is a whole snapshot: one that is being
- * made, or was cut short, has no name. Snapshots can be made of directories on the store's volume.
+ * <p>Only its owner can enter it. A name that exists in it is a complete snapshot: a snapshot that
+ * is being made, or whose creation was interrupted, has no name. Snapshots can be made of
+ * directories on the store's volume.
  *
  * <p>All functions can be called from any thread, also at the same time. Two calls that change one
- * store, or snapshot one source, exclude each other, across processes too: see {@link
- * #setBusyTimeout}. A thread that is interrupted does not end a call; a {@link CancelToken} does.
+ * store, or snapshot one source, exclude each other, also across processes: see {@link
+ * #setBusyTimeout}. Interrupting a thread does not end its call; a {@link CancelToken} does.
  *
  * <p>After {@link #close} every function throws {@link IllegalStateException}.
  */
@@ -81,10 +82,10 @@ public final class SnapshotStore implements AutoCloseable {
     /**
      * Sets how long {@link #create}, {@link #destroy}, {@link #prune}, {@link #verify}, {@link
      * #restore} and {@link Snapshot#close} wait for another call that holds the store, a source or
-     * the snapshot. Then they fail with {@link ErrorCode#BUSY}. They look about 20 times a second,
-     * and stop waiting when the thread is interrupted or the call is cancelled.
+     * the snapshot. After that time they fail with {@link ErrorCode#BUSY}. They try about 20 times
+     * a second, and stop waiting when the thread is interrupted or the call is cancelled.
      *
-     * @param timeout the longest wait; zero, as at first: fail at once
+     * @param timeout the longest wait; zero, the default: fail at once
      */
     public void setBusyTimeout(Duration timeout) {
         requireOpen().setBusyTimeout(timeout);
@@ -102,16 +103,16 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * Snapshots directories, with all below them.
+     * Snapshots directories with everything below them.
      *
      * <p>If names change meanwhile, the snapshot is made again, {@link
-     * CreateOptions.Builder#attempts} times in all. If they still do, {@link SnapshotInfo#isWhole}
-     * is false and {@link SnapshotInfo#findings} tells what changed.
+     * CreateOptions.Builder#attempts} times in all. If names change in the last attempt too, {@link
+     * SnapshotInfo#isWhole} is false and {@link SnapshotInfo#findings} names what changed.
      *
      * <p>When the call returns, the snapshot is on the disk. A failure or cancel removes what was
      * made, and no older snapshot is touched.
      *
-     * @param options how
+     * @param options the options of the call
      * @param sources directories, at least one. None may be given twice, lie below another, contain
      *     the store or lie in it, have a file system mounted below it, or be on another volume than
      *     the store. Paths of store, name and source together are limited to 235 bytes
@@ -136,7 +137,7 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * Tells what would make {@link #create} fail, or would not be covered by it. Changes nothing:
+     * Reports what would make {@link #create} fail, or would not be covered by it. Changes nothing:
      * files are opened for reading and writing, and closed again.
      *
      * @param sources as for create
@@ -164,7 +165,7 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * Lists the snapshots. One that is made or destroyed meanwhile is in the list or not.
+     * Lists the snapshots. A snapshot that is made or destroyed meanwhile may be missing.
      *
      * @return the snapshots, the oldest first; damaged ones at the end, by name
      * @throws SnapshotException {@link ErrorCode#SYSTEM}
@@ -189,8 +190,8 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * How much space the files of a snapshot take, as the file system accounts them. Blocks that are
-     * shared with other files count in full.
+     * How much space the files of a snapshot take, as the file system accounts them. Blocks that
+     * are shared with other files count in full.
      *
      * @param name the snapshot's name
      * @return bytes on the disk
@@ -231,7 +232,7 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * Restores a whole snapshot into an empty or missing directory.
+     * Restores all of a snapshot into an empty or missing directory.
      *
      * @param name the snapshot's name
      * @param destination see {@link #restore(String, Path, RestoreOptions)}
@@ -248,11 +249,12 @@ public final class SnapshotStore implements AutoCloseable {
      * link.
      *
      * <p>Without {@link RestoreOptions.Builder#overwrite}, a failure or cancel removes all that was
-     * made. With it, what was restored before stays; no file is left half written under its name.
+     * made. With it, entries restored so far stay; no file is left half written under its name.
      *
      * @param name the snapshot's name
-     * @param destination made (0700) if missing; the directory above it must exist. Not in the store
-     * @param options how
+     * @param destination made (0700) if missing; the directory above it must exist. Not in the
+     *     store
+     * @param options the options of the call
      * @return what could not be restored ({@link Finding.Severity#FAILS}) or set, and counts
      * @throws SnapshotException {@link ErrorCode#ARGUMENT}, {@link ErrorCode#NAME}, {@link
      *     ErrorCode#NOT_FOUND} (the snapshot, or one of the paths in it), {@link ErrorCode#FORMAT},
@@ -270,7 +272,7 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * Destroys a snapshot. The name goes first, then the data. A damaged one can be destroyed too.
+     * Destroys a snapshot: first the name, then the data. A damaged snapshot can be destroyed too.
      *
      * @param name the snapshot's name
      * @throws SnapshotException {@link ErrorCode#NAME}, {@link ErrorCode#NOT_FOUND}, {@link
@@ -285,7 +287,7 @@ public final class SnapshotStore implements AutoCloseable {
      *
      * @param name the snapshot's name
      * @param progress a listener, or null
-     * @param cancel a token, or null; looked at once, before it begins
+     * @param cancel a token, or null; checked once, before anything is removed
      * @throws SnapshotException also {@link ErrorCode#CANCELLED}
      */
     public void destroy(String name, ProgressListener progress, CancelToken cancel)
@@ -298,8 +300,9 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * Removes the snapshots that no rule keeps, the oldest first. Damaged ones are neither counted
-     * nor removed. One that somebody verifies or restores stays, for the reason {@code in use}.
+     * Removes the snapshots that no rule keeps, the oldest first. Damaged snapshots, and those of
+     * {@code f2fs_snapshotctl run}, are neither counted nor removed. A snapshot that somebody
+     * verifies or restores stays, for the reason {@code in use}.
      *
      * @param options the rules
      * @return what became of each snapshot, the newest first
@@ -315,8 +318,8 @@ public final class SnapshotStore implements AutoCloseable {
     }
 
     /**
-     * Closes the store. Calls that run in other threads go on to their ends, and snapshots stay
-     * open. Nothing happens if it is closed already.
+     * Closes the store. Calls that run in other threads complete, and snapshots stay open. Does
+     * nothing if the store is closed already.
      */
     @Override
     public void close() {

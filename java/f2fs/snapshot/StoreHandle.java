@@ -8,12 +8,12 @@ import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 
 /**
- * A native store. It is freed when its owner, the snapshots of it and the calls that run have all
- * released it, so that no call ever meets a freed one.
+ * A native store. It is freed when its owner, its snapshots and the running calls have all released
+ * it, so that no call uses a freed store.
  *
- * <p>One that was forgotten without a release is freed by the next open, after the garbage collector
- * has found it. java.lang.ref.Cleaner would do this at once, on a thread of its own, but Android has
- * it from API level 33 on only.
+ * <p>If a handle is never released, the next open frees the store, after the garbage collector has
+ * found the handle. java.lang.ref.Cleaner would do this at once, on a thread of its own, but
+ * Android has it only from API level 33 on.
  */
 final class StoreHandle {
     private static final long BUSY_INTERVAL_MS = 50;
@@ -80,7 +80,7 @@ final class StoreHandle {
         }
     }
 
-    /** Calls again while another call holds the store or a source, for the time that was set. */
+    /** Repeats a call that is BUSY until the busy timeout has passed. */
     <T> T callWhenFree(CancelToken cancel, Operation<T> operation) throws SnapshotException {
         long begin = System.nanoTime();
         while (true) {
