@@ -1,8 +1,8 @@
 #!/system/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Runs f2fs_driver_check, or a test program, on a new directory of a volume, and removes that again.
+# Runs f2fs_driver_check, or a test program, in a new directory of a volume, and removes the directory.
 #
-# usage: device_tests.sh PROGRAM [ARGUMENT...]     PROGRAM: beside this script; a name, or a path from it
+# usage: device_tests.sh PROGRAM [ARGUMENT...]     PROGRAM: a path relative to this script's directory
 #
 # The directory is made in TMPDIR, or in /data/local/tmp.
 set -u

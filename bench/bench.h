@@ -42,11 +42,11 @@ Cost measure(Operation operation) {
     return {end.wall - begin.wall, end.user - begin.user};
 }
 
-// Registers a contest of two. In each repetition both run once, in turns of who is first; the
-// costs are per unit.
+// Registers a comparison of two functions. In each repetition both run once, and they take turns in
+// running first. The costs are per unit.
 inline void registerContest(const std::string& name, double units, std::function<Cost()> ours,
                             std::function<Cost()> theirs) {
-    const auto hold = [=, ours_first = false](benchmark::State& state) mutable {
+    const auto compare = [=, ours_first = false](benchmark::State& state) mutable {
         for (auto _ : state) {
             ours_first = !ours_first;
             const Cost first = ours_first ? ours() : theirs();
@@ -60,7 +60,7 @@ inline void registerContest(const std::string& name, double units, std::function
             state.counters["their_user"] = their_cost.user / units;
         }
     };
-    benchmark::RegisterBenchmark(name.c_str(), hold)
+    benchmark::RegisterBenchmark(name.c_str(), compare)
         ->Iterations(1)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);

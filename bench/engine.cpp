@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The engine against bare loops of the same system calls, and with its log against without.
+// Compares the engine with bare loops of the same system calls, and with itself without its log.
 //
 // usage: bench_engine SOURCE TARGET     both on one file system; SOURCE holds directories of files
 #include <dirent.h>
@@ -22,34 +22,34 @@ std::string mirror;  // of the source in it
 long lines = 0;      // that the last measured operation logged
 
 // The paths that the engine will form, in the order in which the streams yield the names.
-struct Place {
+struct Entry {
     std::string path;
     std::string snapshot;
 };
-struct Folder {
-    Place place;
-    std::vector<Place> files;
+struct Directory {
+    Entry entry;
+    std::vector<Entry> files;
 };
-using Plan = std::vector<Folder>;
+using Plan = std::vector<Directory>;
 
-std::vector<Place> list(const std::string& directory) {
-    std::vector<Place> places;
+std::vector<Entry> list(const std::string& directory) {
+    std::vector<Entry> entries;
     DIR* const stream = opendir(directory.c_str());
     require(stream != nullptr, directory);
     while (const dirent* entry = readdir(stream)) {
         if (entry->d_name[0] != '.') {
             const std::string path = directory + "/" + entry->d_name;
-            places.push_back({path, root + path});
+            entries.push_back({path, root + path});
         }
     }
     closedir(stream);
-    return places;
+    return entries;
 }
 
 Plan plan(const std::string& top) {
     Plan directories;
-    for (const Place& place : list(top)) {
-        directories.push_back({place, list(place.path)});
+    for (const Entry& entry : list(top)) {
+        directories.push_back({entry, list(entry.path)});
     }
     return directories;
 }
@@ -62,13 +62,14 @@ DIR* readWhole(const std::string& directory) {
 }
 
 // The calls of a walk and nothing else.
-template <typename OnFolder, typename OnFile>
-void bareWalk(const std::string& top, const Plan& directories, OnFolder onFolder, OnFile onFile) {
+template <typename OnDirectory, typename OnFile>
+void bareWalk(const std::string& top, const Plan& directories, OnDirectory onDirectory,
+              OnFile onFile) {
     DIR* const top_stream = readWhole(top);
-    for (const Folder& directory : directories) {
-        onFolder(directory.place);
-        DIR* const stream = readWhole(directory.place.path);
-        for (const Place& file : directory.files) {
+    for (const Directory& directory : directories) {
+        onDirectory(directory.entry);
+        DIR* const stream = readWhole(directory.entry.path);
+        for (const Entry& file : directory.files) {
             onFile(directory, file);
         }
         closedir(stream);
@@ -76,17 +77,17 @@ void bareWalk(const std::string& top, const Plan& directories, OnFolder onFolder
     closedir(top_stream);
 }
 
-void nothing(const Place& /*directory*/) {}
+void nothing(const Entry& /*directory*/) {}
 
-void bareFilePrepare(const Folder& directory, const Place& file) {
+void bareFilePrepare(const Directory& directory, const Entry& file) {
     const int source_fd = open(file.path.c_str(), O_RDWR);
     if (!stub_layered) {
-        close(open(directory.place.path.c_str(), O_RDWR | O_TMPFILE, 0770));
+        close(open(directory.entry.path.c_str(), O_RDWR | O_TMPFILE, 0770));
     }
     close(source_fd);
 }
 
-void bareFileSnapshot(const Place& file) {
+void bareFileSnapshot(const Entry& file) {
     const int source_fd = open(file.path.c_str(), O_RDONLY);
     struct stat source_stat;
     stat(file.path.c_str(), &source_stat);
@@ -96,7 +97,7 @@ void bareFileSnapshot(const Place& file) {
     close(source_fd);
 }
 
-void bareFileCheck(const Place& file) {
+void bareFileCheck(const Entry& file) {
     close(open(file.path.c_str(), O_RDONLY));
     struct stat snapshot_stat;
     require(stat(file.snapshot.c_str(), &snapshot_stat) == 0, file.snapshot);
@@ -108,15 +109,15 @@ void barePrepare(const Plan& directories) {
 
 void bareCheck(const Plan& directories) {
     bareWalk(source, directories, nothing,
-             [](const Folder&, const Place& file) { bareFileCheck(file); });
+             [](const Directory&, const Entry& file) { bareFileCheck(file); });
 }
 
 void makeMissing(const std::string& path) {
-    struct stat folder_stat;
+    struct stat attributes;
     for (size_t end = 1; end != std::string::npos;) {
         end = path.find('/', end + 1);
         const std::string directory = path.substr(0, end);
-        require(stat(directory.c_str(), &folder_stat) == 0 || mkdir(directory.c_str(), 0770) == 0,
+        require(stat(directory.c_str(), &attributes) == 0 || mkdir(directory.c_str(), 0770) == 0,
                 directory);
     }
 }
@@ -126,8 +127,10 @@ void bareCreate(const Plan& directories) {
     require(stat(root.c_str(), &root_stat) != 0, root + " is gone");
     makeMissing(root);
     makeMissing(mirror);
-    const auto makeFolder = [](const Place& directory) { mkdir(directory.snapshot.c_str(), 0770); };
-    bareWalk(source, directories, makeFolder, [](const Folder& directory, const Place& file) {
+    const auto makeDirectory = [](const Entry& directory) {
+        mkdir(directory.snapshot.c_str(), 0770);
+    };
+    bareWalk(source, directories, makeDirectory, [](const Directory& directory, const Entry& file) {
         bareFilePrepare(directory, file);
         bareFileSnapshot(file);
     });
@@ -140,9 +143,9 @@ void bareDestroy(const Plan& directories) {
         above.push_back(readWhole(mirror.substr(0, end)));
     }
     bareWalk(mirror, directories, nothing,
-             [](const Folder&, const Place& file) { unlink(file.path.c_str()); });
-    for (const Folder& directory : directories) {
-        rmdir(directory.place.path.c_str());
+             [](const Directory&, const Entry& file) { unlink(file.path.c_str()); });
+    for (const Directory& directory : directories) {
+        rmdir(directory.entry.path.c_str());
     }
     rmdir(mirror.c_str());
     for (std::string path = mirror; !above.empty(); above.pop_back()) {
@@ -170,7 +173,7 @@ void nothingBefore() {}
 struct Operation {
     const char* name;
     bool layered;
-    int times;  // in a turn; what changes nothing can be done again
+    int times;  // in one measurement; more than once only if nothing is changed
     void (*before)();
     void (*engine)();
     void (*bare)(const Plan&);
@@ -186,12 +189,12 @@ constexpr Operation OPERATIONS[] = {
     {"destroy", false, 1, create, destroy, bareDestroy, nothingBefore},
 };
 
-// Measures one of the two forms of an operation, with what must be there before and go after.
+// Measures one of the two forms of an operation, between its preparation and its cleanup.
 Cost perform(const Operation& operation, bool bare, bool log = false) {
     stub_layered = operation.layered;
     operation.before();
     const Plan directories = plan(operation.bare == bareDestroy ? mirror : source);
-    usleep(50'000);  // the kernel frees what went before in the background
+    usleep(50'000);  // the kernel frees removed files in the background
     stub_log_on = log;
     stub_log_lines = 0;
     const Cost cost = measure([&] {
@@ -217,7 +220,7 @@ int main(int argc, char** argv) {
     // The log library writes to standard error; the report goes to standard output.
     require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null");
     double files = 0;
-    for (const Folder& directory : plan(source)) {
+    for (const Directory& directory : plan(source)) {
         files += static_cast<double>(directory.files.size());
     }
     for (const Operation& operation : OPERATIONS) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The emulator against bindfs, operation by operation on one backing directory, each time on files
-// that the kernel has not seen through the mount before.
+// Compares the emulator with bindfs, operation by operation on one backing directory, each time on
+// files that the kernel has not seen through the mount before.
 //
 // usage: bench_operations BACKING_DIR EMULATOR_MOUNT BINDFS_MOUNT FILES ENTRIES
 #include <dirent.h>
@@ -71,7 +71,7 @@ void listFiles(const std::string& directory, int count) {
 struct Operation {
     const char* name;
     void (*act)(const std::string& directory, int count);
-    int size;  // of the files that are there before; -1 for none
+    int size;  // of the files that exist before; -1 for none
 };
 
 constexpr Operation OPERATIONS[] = {

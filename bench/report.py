@@ -20,7 +20,7 @@ page = (docs / "benchmarks.md").read_text()
 
 
 def load(part):
-    """The records of a part, by name, in the order of their first coming."""
+    """The records of a part, by name, in the order in which the names first occur."""
     by_name = collections.defaultdict(list)
     for record in json.loads((results / f"{part}.json").read_text()):
         by_name[record["name"]].append(record)

@@ -61,7 +61,7 @@ def make_tree(top, files, size):
 
 
 class Served:
-    """A FUSE mount by the program that serves it, which ends with this one."""
+    """A FUSE mount and the program that serves it, which ends with this one."""
 
     def __init__(self, name, program, options=()):
         self.path = work / name
@@ -84,7 +84,7 @@ class Served:
 
 
 def make_image(mebibytes):
-    """An XFS image with shared blocks, in memory: no disk's speed enters."""
+    """An XFS image with shared blocks, in memory, so that no disk is measured."""
     image = work / "image"
     image.mkdir()
     run(["truncate", "-s", f"{mebibytes}M", work / "image.xfs"])
@@ -95,7 +95,7 @@ def make_image(mebibytes):
 
 
 def revoke(top):
-    """Back to a source that was never prepared."""
+    """Resets a source to the state of one that was never prepared."""
     for file in pathlib.Path(top).rglob("*.jpg"):
         fd = os.open(file, os.O_RDWR)
         fcntl.ioctl(fd, DEDUP_REVOKE, bytes(4))
@@ -205,7 +205,7 @@ def sizes():
     target, copy = served.path / "backup", served.path / "copy"
 
     def used():
-        """Asks until the answer stays: XFS frees what was removed in the background."""
+        """Asks until the answer stays the same: XFS frees removed files in the background."""
         answers = [0, 1]
         while answers[-1] != answers[-2]:
             run(["sync", "-f", image])
@@ -243,7 +243,7 @@ def operations():
                   100 if smoke else 1000, 100 if smoke else 10000)
 
 
-# FUSE's operation codes, as far as a snapshot meets them.
+# The operation codes of FUSE that a snapshot uses.
 OPCODES = {1: "lookup", 2: "forget", 3: "getattr", 9: "mkdir", 10: "unlink", 11: "rmdir",
            14: "open", 18: "release", 22: "getxattr", 25: "flush", 26: "init", 27: "opendir",
            28: "readdir", 29: "releasedir", 35: "create", 39: "ioctl", 42: "forget",
@@ -351,7 +351,7 @@ with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="f2fs_snapshot_bench.") 
     if options.inside:
         run(["mount", "-t", "tmpfs", "-o", "size=90%,nr_inodes=0", "bench", work])
     if options.part in NEED_MOUNTS:
-        # An idle processor takes longer to wake for each message to a daemon than the answer does.
+        # Otherwise each message would wake an idle processor, which takes longer than the answer.
         os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
     begun = time.monotonic()
     try:

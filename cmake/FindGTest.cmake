@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# Finds GoogleTest: the installed library where it is one for this target; else, as in cross builds
-# or with libc++, it is built from Debian's sources of it.
+# Finds GoogleTest: the installed library if it is built for this target. Otherwise, as in cross builds
+# or with libc++, builds it from Debian's package of its sources.
 if(TARGET GTest::gtest)
     set(GTest_FOUND TRUE)
     return()

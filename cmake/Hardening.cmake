@@ -22,7 +22,7 @@ endforeach()
 foreach(kind EXE SHARED MODULE)
     string(PREPEND CMAKE_${kind}_LINKER_FLAGS "-Wl,-z,relro -Wl,-z,now ")
 endforeach()
-# It needs an optimised build, and is in the way of a sanitizer's own checks.
+# _FORTIFY_SOURCE needs an optimised build, and interferes with a sanitizer's own checks.
 if(NOT F2FS_SNAPSHOT_SANITIZE AND NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE|-fsanitize")
     foreach(type RELEASE RELWITHDEBINFO MINSIZEREL)
         string(PREPEND CMAKE_CXX_FLAGS_${type} "-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 ")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Defines header_libraries: CLI11 and nlohmann/json, which are headers alone and serve every target. They
+# Defines header_libraries: CLI11 and nlohmann/json, header-only libraries that serve every target. They
 # are linked into a directory of their own, since a cross compiler must not see the rest of /usr/include.
 set(headers ${PROJECT_BINARY_DIR}/header_libraries)
 file(MAKE_DIRECTORY ${headers})
@@ -15,7 +15,7 @@ foreach(header CLI/CLI.hpp nlohmann/json.hpp)
 endforeach()
 add_library(header_libraries INTERFACE)
 target_include_directories(header_libraries SYSTEM INTERFACE ${headers})
-# Packages of these libraries are not looked for where everything else is found below a device's root.
+# With the NDK, packages are looked for below the device's root only, where these libraries are not.
 if(ANDROID)
     add_library(CLI11::CLI11 ALIAS header_libraries)
     add_library(nlohmann_json::nlohmann_json ALIAS header_libraries)

@@ -1,15 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
-# Where everything goes on `cmake --install`.
+# What `cmake --install` installs, and where.
 
 set_target_properties(f2fs_snapshot PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
 
-# set_run_path(TARGET DIRECTORY BUILD_PATH...): where the loader finds the libraries of TARGET when it is
-# installed in DIRECTORY, and at BUILD_PATH in the build directory. The loader searches a system's library
-# directory by itself: there only the build directory has a run path. Elsewhere it starts from the target's
-# own place, so that the installed tree can be moved, and is the same in the build directory: CMake marks
-# one that it has to rewrite with an empty entry, which has the loader look in the working directory.
+# set_run_path(TARGET DIRECTORY BUILD_PATH...): sets the run path by which TARGET, installed in DIRECTORY,
+# finds its libraries. In the build directory these are at BUILD_PATH. The loader searches a system's
+# library directory by itself: a target for it has a run path in the build directory only. Elsewhere the
+# run path is relative to the target, so that the installed tree can be moved, and the build directory has
+# the same one: a run path that CMake rewrites on installation has an empty entry, for which the loader
+# searches the working directory.
 function(set_run_path target directory)
     if(ANDROID) # CMake ignores INSTALL_RPATH there
         return()
@@ -36,7 +37,7 @@ elseif(NOT ANDROID)
 endif()
 
 # Clients include <f2fs_snapshot/snapshot.h>, from an installation and from a build directory. Every
-# declaration in these headers can be linked; tool/main.h is left out, since the tool is how to call it.
+# declaration in these headers can be linked. tool/main.h is left out: users call the tool instead.
 set(public_headers
     snapshot/export.h
     snapshot/f2fs_ioctl.h
@@ -67,14 +68,14 @@ if(F2FS_SNAPSHOT_MANAGER)
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     install(TARGETS f2fs_snapshot_manager EXPORT f2fs_snapshot)
-    # The program in which the manager runs the library. The manager finds it by a path from its own
-    # place, and it the library.
+    # The program in which the manager runs the library. The manager finds it by a path relative to
+    # itself, and it finds the library in the same way.
     set_run_path(f2fs_snapshot_helper ${CMAKE_INSTALL_FULL_LIBEXECDIR}/f2fs_snapshot "$ORIGIN/..")
     set_target_properties(f2fs_snapshot_helper PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
     install(TARGETS f2fs_snapshot_helper DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/f2fs_snapshot)
 endif()
 
-# The libraries need nothing else of their users, so the exported target is the whole configuration.
+# Users of the libraries need no other package, so the exported targets are the whole configuration.
 include(CMakePackageConfigHelpers)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/f2fs_snapshotConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
@@ -82,7 +83,7 @@ install(EXPORT f2fs_snapshot
         FILE f2fs_snapshotConfig.cmake NAMESPACE f2fs_snapshot:: DESTINATION ${package_dir})
 install(FILES ${PROJECT_BINARY_DIR}/f2fs_snapshotConfigVersion.cmake DESTINATION ${package_dir})
 
-# Paths in it start from its own place, so that the installed tree can be moved.
+# Paths in a .pc file are relative to it, so that the installed tree can be moved.
 file(RELATIVE_PATH prefix_from_pkgconfig
     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" prefix_from_pkgconfig ${prefix_from_pkgconfig})
@@ -156,7 +157,7 @@ add_custom_target(uninstall
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
     VERBATIM)
 
-# What the installed files are linked with, or hold parts of.
+# What the installed files are linked with, or contain parts of.
 set(dependencies "C++ runtime of ${CMAKE_CXX_COMPILER_ID}|${CMAKE_CXX_COMPILER_VERSION}|NOASSERTION|DYNAMIC_LINK")
 if(NOT TARGET f2fs_snapshot_log)
     list(APPEND dependencies "liblog|NOASSERTION|Apache-2.0|DYNAMIC_LINK")

@@ -20,8 +20,8 @@ function(add_relationship from type to)
     set(relationships "${relationships}" PARENT_SCOPE)
 endfunction()
 
-# describe_file(ID NAME PATH LICENCE): adds to `files`; gives back the SHA-1 and the licence of the file's
-# SPDX line. LICENCE is that of files without one.
+# describe_file(ID NAME PATH LICENCE): adds a file to `files`. Sets `sha1`, and `licence` to that of the
+# file's SPDX line. LICENCE is that of files without one.
 function(describe_file id name path concluded)
     file(SHA1 ${path} sha1)
     file(SHA256 ${path} sha256)

@@ -2,21 +2,20 @@
 /*
  * Snapshot requests for F2FS: a reference for driver authors.
  *
- * A snapshot is a copy through the page cache, and a clone likewise. Nothing
- * is added to the format of the volume: what is known of a file (its mark,
- * its two flags) is kept in memory from the first request until the file is
- * deleted or the volume unmounted.
+ * Snapshots and clones are copies through the page cache. The format of the
+ * volume stays the same: the state of a file (its mark and two flags) is kept
+ * in memory from the first request until the file is deleted or the volume
+ * unmounted.
  *
  * Locks, in this order: inode lock, mmap lock, f2fs_inode_info.i_stores.
  *
  * - A write or truncation changes a file under its inode lock.
  * - A store through a shared mapping cannot take the inode lock. It begins
- *   with a page fault that holds i_stores for reading; the page is then
- *   writable until its next write-back, which takes the next store to the
- *   next fault.
+ *   with a page fault that holds i_stores for reading. The page is then
+ *   writable until its next write-back, after which a store faults again.
  * - A set places the mark with both locks held for writing.
- * - A copy holds both for writing as long as it takes, and writes the source
- *   back first: no page of it is writable then, and none can become so.
+ * - A copy holds both for writing until it is done, and writes the source
+ *   back first. Then no page of it is writable, and none can become so.
  *
  * The invalidate lock of the mapping cannot stand in for i_stores: readahead
  * takes it for reading, so that a copy that held it would wait for itself.
@@ -38,7 +37,7 @@
 #define SNAPSHOT_CHUNK_PAGES	16
 
 struct f2fs_snapshot_state {
-	u32 generation;		/* of the inode: its number may be used again */
+	u32 generation;		/* of the inode: its number may be reused */
 	u32 flag;		/* modify-check bits, the mark among them */
 	bool is_deduped;
 	bool is_layered;
@@ -49,7 +48,7 @@ struct f2fs_snapshot_state {
 static struct kmem_cache *snapshot_state_slab;
 
 #ifdef F2FS_SNAPSHOT_DEFECTS
-/* For the tests of the tests: what must not be left out, left out on demand. */
+/* Necessary steps that are left out on demand, to test the tests. */
 enum {
 	DEFECT_STORE = 1,
 	DEFECT_COPY_WRITE_BACK,
@@ -76,7 +75,7 @@ static struct f2fs_snapshot_state *state_of(struct inode *inode)
 	return state;
 }
 
-/* The inode lock is held, so that nobody else adds a state for this inode. */
+/* The caller holds the inode lock: no other task adds a state for @inode. */
 static struct f2fs_snapshot_state *get_state(struct inode *inode)
 {
 	struct f2fs_snapshot_state *state = state_of(inode);
@@ -107,7 +106,7 @@ void f2fs_snapshot_change(struct inode *inode)
 		return;
 	/* Faults may do this side by side; all of them store the same value. */
 	WRITE_ONCE(state->flag, state->flag & ~F2FS_MODIFY_CHECK_UNCHANGED);
-	/* Whoever reads what is written next finds the mark gone. */
+	/* Readers of the data that are written next find the mark cleared. */
 	smp_mb();
 }
 
@@ -135,7 +134,7 @@ void f2fs_snapshot_end_store(struct inode *inode)
 	up_read(&F2FS_I(inode)->i_stores);
 }
 
-/* Copies with an explicit position, whatever O_APPEND or O_DIRECT say. */
+/* Copies at an explicit position, regardless of O_APPEND and O_DIRECT. */
 static int copy_chunk(struct file *from, struct file *to, loff_t pos,
 		      size_t len, void *buffer)
 {
@@ -163,9 +162,9 @@ static int copy_chunk(struct file *from, struct file *to, loff_t pos,
 }
 
 /*
- * Finds the next run of pages below @end that may hold data, from *@index on,
- * which it moves there. Returns its length, at most SNAPSHOT_CHUNK_PAGES; 0:
- * there is none. The file has been written back, so that a block without an
+ * Moves *@index to the next run of pages below @end that may hold data.
+ * Returns its length, at most SNAPSHOT_CHUNK_PAGES; 0 if there is none; or a
+ * negative errno. The file has been written back, so that a block without an
  * address reads as zeroes. That is not so in a cluster of a compressed file,
  * nor while an atomic write keeps its blocks elsewhere.
  */
@@ -218,7 +217,7 @@ static int set_size(struct file *file, loff_t size)
 			     NULL);
 }
 
-/* Empties @to and gives it the size of @from: a hole, to be filled. */
+/* Empties @to and gives it the size of @from, as a hole. */
 static int make_room(struct file *from, struct file *to)
 {
 	loff_t size = i_size_read(file_inode(from));
@@ -257,9 +256,10 @@ static int copy_data(struct file *from, struct file *to, void *buffer)
 }
 
 /*
- * The inode locks of both are held: all but stores through mappings wait. The
- * size of @to is set before i_stores is taken: that takes F2FS's i_gc_rwsem,
- * under which direct writes fault on their buffers, and so on i_stores.
+ * The caller holds both inode locks: all but stores through mappings wait.
+ * Setting the size of @to takes F2FS's i_gc_rwsem. Direct writes fault on
+ * their buffers under i_gc_rwsem, and the fault takes i_stores. So the size
+ * is set before i_stores is taken.
  */
 static int copy_at_one_instant(struct file *from, struct file *to, void *buffer)
 {
@@ -322,7 +322,7 @@ static int take_data_locked(struct file *from, struct file *to, bool clone,
 	return err;
 }
 
-/* Gives @to the data and size of @from; @clone: and notes whose clone it is. */
+/* Gives @to the data and size of @from. @clone: records @from as its source. */
 static int take_data(struct file *from, struct file *to, bool clone)
 {
 	struct inode *source = file_inode(from);
@@ -349,9 +349,9 @@ static int take_data(struct file *from, struct file *to, bool clone)
 }
 
 /*
- * Finds the file that a descriptor of the caller has open; the reference is
- * the caller's. -EBADF: there is none, or it is not open for reading; -EXDEV:
- * of another volume; -EINVAL: not a regular file.
+ * Finds the file that a descriptor of the process has open; drop it with
+ * fdput(). -EBADF: there is none, or it is not open for reading; -EXDEV: on
+ * another volume; -EINVAL: not a regular file.
  */
 static int get_callers_file(struct file *filp, int descriptor, struct fd *found)
 {
@@ -431,9 +431,9 @@ static int clone_file(struct file *filp, void __user *arg)
 }
 
 /*
- * Direct writes that are under way were told of before, and must not end
- * after. A page that is writable in a mapping is dirty, or about to be under
- * its page lock: the write-back takes the next store to the next fault.
+ * Direct writes under way cleared the mark when they began. They must end
+ * before the set places it. A page that is writable in a mapping is dirty, or
+ * about to be under its page lock: after the write-back, a store to it faults.
  */
 static int set_flag(struct inode *inode, u32 flag)
 {
@@ -462,7 +462,7 @@ static int set_flag(struct inode *inode, u32 flag)
 	return err;
 }
 
-/* What the caller has read of the file was read before its mark is looked at. */
+/* Reads the mark after all that the caller has read of the file before. */
 static u32 get_flag(struct inode *inode)
 {
 	struct f2fs_snapshot_state *state;
@@ -506,8 +506,8 @@ static int snapshot_create(struct file *filp, void __user *arg)
 }
 
 /*
- * Copies need nothing of the clone later on, and nothing was taken from the
- * source: that it has a clone is all that is asked of it.
+ * A driver that copies does not use the clone. It only checks that it is a
+ * clone of this file.
  */
 static int snapshot_prepare(struct file *filp, void __user *arg)
 {
@@ -548,7 +548,7 @@ static const struct {
 	{ F2FS_IOC_DEDUP_REVOKE, true, dedup_revoke },
 	{ F2FS_IOC_DEDUP_GET_FILE_INFO, false, dedup_get_file_info },
 	{ F2FS_IOC_CLONE_FILE, true, clone_file },
-	{ F2FS_IOC_MODIFY_CHECK, false, modify_check },	/* a set asks itself */
+	{ F2FS_IOC_MODIFY_CHECK, false, modify_check },	/* only a set writes */
 	{ F2FS_IOC_SNAPSHOT_CREATE, true, snapshot_create },
 	{ F2FS_IOC_SNAPSHOT_PREPARE, true, snapshot_prepare },
 };

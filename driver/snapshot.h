@@ -51,15 +51,16 @@ struct f2fs_snapshot_create_info {
 #define F2FS_MODIFY_CHECK_UNCHANGED	0x2	/* the mark, in ->flag */
 
 /*
- * Clears the mark of @inode. To be called before its data or size changes,
- * under the lock under which they change: the inode lock, or for a store
- * through a mapping the one that f2fs_snapshot_begin_store() takes.
+ * Clears the mark of @inode. Call it before the data or size changes, under
+ * the lock of the change: the inode lock, or for a store through a mapping
+ * the one that f2fs_snapshot_begin_store() takes.
  */
 void f2fs_snapshot_change(struct inode *inode);
 
 /*
- * To be called when blocks of @inode have been exchanged below its page cache,
- * which would show the old data until it is dropped: a change with no notice.
+ * Call it when blocks of @inode have been exchanged below its page cache. It
+ * drops the cached pages, which would show the old data and change later
+ * without a call of f2fs_snapshot_change(). Returns 0 or a negative errno.
  */
 int f2fs_snapshot_exchanged(struct inode *inode, loff_t pos, loff_t len);
 
@@ -70,7 +71,7 @@ void f2fs_snapshot_end_store(struct inode *inode);
 /* Frees the state of a file that has lost its last link and its last user. */
 void f2fs_snapshot_forget(struct inode *inode);
 
-/* Begins and ends the life of a super block's states. */
+/* Set up and free the states of a super block. */
 void f2fs_snapshot_mount(struct f2fs_sb_info *sbi);
 void f2fs_snapshot_unmount(struct f2fs_sb_info *sbi);
 

@@ -25,7 +25,7 @@ using Change = std::function<void()>;
 
 alignas(BLOCK) const char NEW_BLOCK[BLOCK] = {'n', 'e', 'w'};
 
-// The result of a change. One that the volume or the kernel does not offer skips the check.
+// Records a change that was made. Skips the check if the volume or the kernel does not offer it.
 void changed(ssize_t result, const char* call) {
     const int error = errno;
     if (result >= 0) {
@@ -167,8 +167,8 @@ Change byFallocate(const File& file) {
     };
 }
 
-// The first store makes the page writable. One that a set does not write-protect again takes the
-// second store without a fault.
+// The first store makes the page writable. If a set does not write-protect it again, the second
+// store causes no fault.
 Change byMappingMadeBefore(const File& file) {
     const auto mapping = std::make_shared<Mapping>(file);
     mapping->bytes()[0] = 1;
@@ -298,7 +298,7 @@ Change byAtomicWrite(const File& file) {
     };
 }
 
-// Where readers see what is not committed yet, taking it back is a change too.
+// Where readers see data that are not committed yet, aborting is a change too.
 Change byAtomicAbort(const File& file) {
     writeAtomically(file);
     return [&] {

@@ -10,9 +10,9 @@
 namespace driver_check {
 
 struct Way {
-    const char* name;  // of the check that the change takes the mark away: mark.lost-by-NAME
-    // Does what comes before the mark is set, and returns the change itself. The file is of SMALL
-    // size and open for reading and writing. Skips the check where the volume refuses the way.
+    const char* name;  // the check that the change clears the mark is mark.lost-by-NAME
+    // Prepares the change and returns it; the mark is set before the change is made. The file is of
+    // SMALL size and open for reading and writing. Skips the check where the volume refuses it.
     std::function<void()> (*make)(const File& file);
     Needs needs;
 };

@@ -8,7 +8,7 @@
 
 namespace driver_check {
 
-// The requests without which a check has nothing to try, as bits.
+// The requests that a check needs, as bits.
 enum Needs : unsigned {
     NOTHING = 0,
     INFO = 1 << 0,
@@ -28,7 +28,7 @@ struct Check {
     std::string name;    // GROUP.NAME
     const char* clause;  // a heading of docs/kernel-interface.md
     unsigned needs;      // Needs
-    const char* means;   // to users of the library, when it fails
+    const char* means;   // what a failure means to users of the library
     std::function<void()> run;
     unsigned provides = NOTHING;  // the request that is missing when it fails
     Stage stage = Stage::none;    // belongs to a run with this --stage only

@@ -21,7 +21,7 @@ const char* const REBOOT = "After a reboot";
 const char* const NOT_RELIED_ON = "What is not relied on";
 const char* const FILE_SYSTEM = "What else the file system gives";
 
-// What several failures mean.
+// What failures mean, where several checks share it.
 const char* const NO_PREPARE = "prepare fails, and no snapshot can be made.";
 const char* const NO_CREATE = "create fails, so there are no snapshots.";
 const char* const UNSEEN =

@@ -50,7 +50,7 @@ void time() {
     }
 }
 
-// The least of several tries, since others write to the volume meanwhile.
+// The least of several tries, since other programs may write to the volume meanwhile.
 void space() {
     constexpr size_t SIZE = 8 << 20;
     const File source = newFile("source", pattern(SIZE));

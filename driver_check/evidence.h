@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The verdict on one check and what it rests on: the steps taken, what was expected and what was
-// seen. A check states these through the functions here; whoever runs it reads the record.
+// The verdict on one check and its evidence: the steps taken, what was expected and what was seen.
+// A check records these with the functions below; the Runner reads the record.
 #pragma once
 
 #include <string>
@@ -11,8 +11,8 @@ enum class Verdict : int {
     unfinished,  // the check neither returned nor stated anything
     passed,
     failed,
-    skipped,  // not to be had on this volume, for this user or without a missing request
-    unable    // the machine lacks something (space, descriptors): nothing is known of the driver
+    skipped,  // not possible on this volume, for this user or without a missing request
+    unable    // the machine is out of something (space, descriptors): no verdict on the driver
 };
 
 // Plain memory, shared between the process of the check and the one that waits for it, so that the
@@ -31,7 +31,7 @@ struct Evidence {
     char note[STEPS][LINE];
 };
 
-// Where this process records. nullptr (as in helper processes of a check): nowhere.
+// The record of this process. nullptr in helper processes of a check, which record nothing.
 extern Evidence* evidence;
 
 // Thrown by the functions below that do not return; never leaves the process of the check.
@@ -49,8 +49,8 @@ __attribute__((format(printf, 1, 2))) void note(const char* text, ...);
 std::string nameOf(int error);
 std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 
-// Ends the check because a call on the volume failed that every file system answers: unable when
-// the machine is out of something, else failed.
+// Ends the check because a call failed that works on every file system: unable if the machine is
+// out of space, descriptors or memory, else failed.
 [[noreturn]] void callFailed(const std::string& call, int error);
 // The result of a system call; a negative one ends the check as above.
 template <typename Result>

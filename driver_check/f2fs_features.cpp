@@ -19,7 +19,7 @@
 namespace driver_check::feature {
 namespace {
 
-// All that the library relies on, of one file.
+// Expects all that the library relies on, of one file.
 void expectWhole(const File& source, const std::string& content) {
     layer(source);
     expectStored(source, content, "its bytes after it was prepared");
@@ -32,7 +32,7 @@ void expectWhole(const File& source, const std::string& content) {
     expectStored(snapshot, content, "the bytes of its source before the write");
 }
 
-// A snapshot of a file that the driver may refuse: refused, or whole; the source is unchanged.
+// Expects that a snapshot is either refused or correct, and that the source is unchanged.
 void expectWholeOrRefused(const File& source, const std::string& content) {
     const File snapshot = newFile("snapshot", "");
     const int error = tryCreate(snapshot, source.fd(), source.name());
@@ -60,7 +60,7 @@ void setFlag(const File& file, unsigned flag, bool value, const char* what) {
     trySetting(ioctl(file.fd(), FS_IOC_SETFLAGS, &flags), what);
 }
 
-// A key of this volume that goes with the object.
+// An encryption key of this volume. The destructor removes it.
 class Key {
   public:
     Key() : directory_(".", O_RDONLY | O_DIRECTORY) {

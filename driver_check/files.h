@@ -14,12 +14,12 @@
 namespace driver_check {
 
 constexpr size_t BLOCK = 4096;
-constexpr size_t SMALL = 4 * BLOCK;  // a file for whatever does not depend on the size
+constexpr size_t SMALL = 4 * BLOCK;  // of a file whose size does not matter
 
-// An open file, by the name that steps and evidence call it.
+// An open file, and its name in steps and evidence.
 class File {
   public:
-    // open(2); the title is what it is called where that is not the name.
+    // Opens it as open(2) does. title  its name in steps and evidence, if not `name`
     File(const std::string& name, int flags, mode_t mode = 0644, const char* title = nullptr);
     File(File&& from) noexcept;
     File(const File&) = delete;
@@ -40,7 +40,7 @@ class File {
     std::string name_;
 };
 
-// `size` bytes of which no two blocks are the same, and none is that of another seed.
+// `size` bytes other than 0. All blocks differ from each other and from those of other seeds.
 std::string pattern(size_t size, unsigned seed = 1);
 
 // O_RDWR, mode 0644.
@@ -55,7 +55,7 @@ off_t sizeOf(const File& file);
 // All of its bytes, or those of a range, as read(2) gives them.
 std::string contentOf(const File& file);
 std::string contentOf(const File& file, off_t offset, size_t size);
-// Fails the check unless the file holds exactly these bytes. `what` says whose they are.
+// Fails the check unless the file holds exactly these bytes. `what` names them in the evidence.
 void expectContent(const File& file, const std::string& expected, const std::string& what);
 // The same through a new descriptor, then again after the cached pages were dropped.
 void expectStored(const File& file, const std::string& expected, const std::string& what);
@@ -65,28 +65,28 @@ void dropPages(const File& file);
 // Free bytes of the volume, after everything is written back.
 long long freeBytes();
 
-// A helper process that runs `body` until it returns or the object goes.
+// A helper process that runs `body` until it returns or the object is destroyed.
 class Process {
   public:
     explicit Process(const std::function<void()>& body);
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
-    // Waits for the end of the body; false when it did not get to it.
+    // Waits for the end of the process. Returns false if the body did not run to its end.
     bool join();
 
   private:
     pid_t pid_;
 };
 
-// How long this run lets processes race each other.
+// How long processes race each other in this run.
 extern double race_seconds;
-extern bool is_long;
+extern bool is_long;  // --long
 
 double now();  // seconds of a steady clock
 
-// True until the time for a race is over. Processes that meet in the kernel only by chance, not at
-// each call, get `factor` times as long.
+// The time for a race. Where processes meet in the kernel only by chance, not at each call, it is
+// `factor` times as long.
 class Race {
   public:
     explicit Race(double factor = 1) : end_(now() + factor * race_seconds) {}

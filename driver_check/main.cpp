@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// f2fs_driver_check: holds a driver against docs/kernel-interface.md.
+// f2fs_driver_check: checks a driver against docs/kernel-interface.md.
 #include <stdio.h>
 
 #include <CLI/CLI.hpp>
@@ -34,7 +34,7 @@ void useLongRaces() {
     race_seconds = 20;
 }
 
-// What the command line says.
+// The options of the command line.
 struct Words {
     std::string directory;
     std::vector<std::string> only;

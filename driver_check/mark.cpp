@@ -16,13 +16,13 @@ File markedFile(const char* name = "source") {
     return file;
 }
 
-// A counter in the file that writers change and nobody else does.
+// A counter in the file, at offset AT, that only the writer of a race changes.
 using Value = uint64_t;
 constexpr off_t AT = BLOCK;
 
-// Between a set that has returned and a get that returns the mark, the value a reader sees must
-// not change. That finds a change without a loss of the mark, one that comes after the mark was
-// cleared (so that the set places it again in between), and one that comes before.
+// Between a set and a get that returns the mark, the value that a reader sees must not change. This
+// finds a change that does not clear the mark, one that clears it too early (a set places it again
+// before the data change), and one that clears it too late.
 void race(const char* what, const std::function<void()>& writer,
           const std::function<Value()>& value) {
     did("another process repeats: %s", what);
@@ -75,7 +75,7 @@ void mode0440() {
     expectMark(snapshot, "a set on a file of mode 0440");
 }
 
-// As create sends it: to the source, then the same memory to the snapshot file.
+// As create sends it: one record in memory, to the source and then to the snapshot file.
 void recordKept() {
     const File source = newFile("source", pattern(SMALL));
     const File snapshot = newFile("snapshot", "");
@@ -129,7 +129,7 @@ void keptBySync() {
     expectMark(source, "its data were written back");
 }
 
-// As root, the inode itself goes too.
+// As root, drops the inode from the cache too.
 void keptByDroppedCaches() {
     {
         const File source = markedFile();

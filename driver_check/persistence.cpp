@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What must outlive a reboot. `before` leaves files and a record of them in the working directory;
-// the checks look at these in a later run of the program.
+// the other checks compare them in a later run of the program.
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>

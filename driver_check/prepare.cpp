@@ -8,7 +8,7 @@
 namespace driver_check::preparing {
 namespace {
 
-// A file that says it is layered is not prepared again, so create must accept it.
+// The library does not prepare a layered file again, so SNAPSHOT_CREATE must accept it.
 void expectAcceptedIfLayered(const File& source, const char* when) {
     if (!isLayered(source)) {
         return;
@@ -22,8 +22,8 @@ void expectAcceptedIfLayered(const File& source, const char* when) {
     }
 }
 
-// Bytes of the volume that are gone for good after preparing a file again and again, and removing
-// it. The least of several tries, since others write to the volume meanwhile.
+// Bytes of the volume that are still in use after a file was prepared and removed `rounds` times.
+// The least of several tries, since other programs may write to the volume meanwhile.
 long long spaceLost(size_t size, int rounds) {
     const long long half = static_cast<long long>(size) * rounds / 2;
     long long least = -1;

@@ -12,13 +12,13 @@
 namespace driver_check::presence {
 namespace {
 
-// What the kernel and file systems answer to a request that they do not know.
+// Whether the error is one that the kernel and file systems return for an unknown request.
 bool isUnknown(int error) {
     return error == ENOTTY || error == EOPNOTSUPP || error == ENOSYS;
 }
 
-// A request is there when it succeeds; or when it refuses an argument that a request before it,
-// which failed, should have made good.
+// Expects that the driver has a request: it succeeds, or is refused after a request that it depends
+// on has failed with the error `before`.
 void expectPresent(int error, const char* name, int before = 0) {
     if (isUnknown(error)) {
         failed(std::string(name) + " to be known to the driver", nameOf(error));
@@ -76,7 +76,7 @@ class EndOfMemory {
         memset(start_, 0xEE, page_);
         return static_cast<char*>(memcpy(inaccessible() - sizeof(record), &record, sizeof(record)));
     }
-    // Whatever stands before the record is as `put` left it.
+    // Whether the bytes before the record are as `put` left them.
     bool isWholeBefore(size_t record_size) const {
         for (size_t i = 0; i < page_ - record_size; ++i) {
             if (start_[i] != '\xEE') {
@@ -184,7 +184,7 @@ void unknownRequests() {
     expectContent(source, pattern(SMALL), "its bytes, since every request was refused");
 }
 
-// Each descriptor that is no readable file of the volume, to each request that takes one.
+// Sends descriptors that are not readable files of the volume, to each request that takes one.
 void badDescriptors() {
     const File source = newFile("source", pattern(SMALL));
     layer(source);

@@ -29,7 +29,7 @@ size_t count(const std::vector<Result>& results, Verdict verdict) {
                       [=](const Result& result) { return result.verdict == verdict; }));
 }
 
-// What a reader needs of a failure, one line each.
+// The lines that explain a failure.
 std::vector<std::string> explanation(const Result& result) {
     std::vector<std::string> lines = {"clause:   docs/kernel-interface.md, " +
                                       std::string(result.check->clause)};
@@ -171,7 +171,7 @@ class Json : public Report {
         report_["failed"] = count(results, Verdict::failed);
         report_["skipped"] = count(results, Verdict::skipped);
         report_["unable"] = count(results, Verdict::unable);
-        // File names need not be text.
+        // File names need not be UTF-8.
         puts(report_.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     }
 

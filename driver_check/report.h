@@ -16,7 +16,7 @@ struct System {
     std::string caller;  // 32-bit or 64-bit, and the user
 };
 
-// One way to write the results down, on standard output.
+// Writes the results to standard output, in one format.
 class Report {
   public:
     virtual ~Report() = default;

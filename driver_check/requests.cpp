@@ -6,13 +6,13 @@
 namespace driver_check {
 namespace {
 
-// A driver may leave any positive result; the library takes it as a failure too.
+// Returns 0 or an errno value. The library takes a positive result as a failure, too.
 int send(const File& file, unsigned long number, const void* record) {
     const int result = ioctl(file.fd(), number, record);
     return result == 0 ? 0 : result < 0 ? errno : EIO;
 }
 
-// Announced before it is sent, so that a request that blocks is the last step known.
+// Records the request before sending it, so that one that blocks is the last step recorded.
 int sendStep(const File& file, unsigned long number, void* record, const std::string& step) {
     did("%s", step.c_str());
     const int error = send(file, number, record);

@@ -30,7 +30,7 @@ void layer(const File& source);
 // A new file, preallocated to the source's size and made its snapshot, as the library does it.
 File snapshotOf(const File& source, const char* name = "snapshot");
 
-// Fail the check unless the mark is (not) there. `after` completes "... after ...".
+// Fail the check unless the mark is (not) there. `after` names the last step, for the evidence.
 void expectMark(const File& file, const std::string& after);
 void expectNoMark(const File& file, const std::string& after);
 void expectRefused(int error, const std::string& request);

@@ -99,7 +99,7 @@ std::string obstacleOf(const Scratch& stage, const Options& options) {
     return path + strerror(stage.error());
 }
 
-// The name that the check of a request has.
+// The name of the check that a request is there.
 std::string providerOf(unsigned request) {
     for (const Check& check : allChecks()) {
         if ((check.provides & request) != 0) {
@@ -109,7 +109,7 @@ std::string providerOf(unsigned request) {
     return "";
 }
 
-// What is known so far while the program runs.
+// One run of the program: its options, and the results so far.
 class Run {
   public:
     explicit Run(const Options& options) : options_(options), runner_(options.time_limit) {}
@@ -144,7 +144,7 @@ int Run::status() {
     return judge();
 }
 
-// Returns why nothing could run; empty: something did.
+// Returns why no check could run; empty: checks ran.
 std::string Run::runAll() {
     std::string reason = obstacle(options_.directory);
     if (!reason.empty()) {
@@ -164,7 +164,7 @@ std::string Run::runAll() {
     return reason;
 }
 
-// Whether the requests are there is found out first, asked for or not: other checks skip by it.
+// First runs the checks that the requests are there, selected or not: others are skipped by these.
 void Run::probe(const Scratch& scratch) {
     for (const Check& check : allChecks()) {
         if (check.provides == NOTHING || runner_.endedBy() != 0) {
@@ -224,7 +224,7 @@ Result Run::resultOf(const Scratch& scratch, const Scratch& stage, const Check& 
     return check.stage == Stage::none ? runIn(scratch, check) : runner_.run(check, stage.fd());
 }
 
-// In a directory of its own, so that leftovers of a check that was killed disturb no other.
+// Runs a check in a directory of its own, so that the rest of a killed check disturbs no other.
 Result Run::runIn(const Scratch& scratch, const Check& check) {
     if (mkdirat(scratch.fd(), check.name.c_str(), 0700) != 0) {
         Result result;

@@ -24,8 +24,8 @@ struct Options {
 
 bool isNamed(const Check& check, const std::string& name);
 
-// Runs the checks that the options ask for and reports them. Returns the exit status; a signal that
-// asks for the end ends the program once everything is removed.
+// Runs the checks that the options ask for and reports them. Returns the exit status. SIGINT,
+// SIGTERM and SIGHUP end the program once everything is removed.
 int run(const Options& options);
 
 }  // namespace driver_check

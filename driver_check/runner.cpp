@@ -17,7 +17,7 @@
 namespace driver_check {
 namespace {
 
-constexpr unsigned PATIENCE = 10;  // seconds for a killed process to go
+constexpr unsigned PATIENCE = 10;  // seconds for a killed process to end
 
 timespec timeUntil(double end) {
     const double left = std::max(0.0, end - now());
@@ -78,7 +78,7 @@ Runner::Runner(unsigned time_limit) : time_limit_(time_limit) {
         sigaddset(&waited_for_, signal);
     }
     sigprocmask(SIG_BLOCK, &waited_for_, &before_);
-    signal(SIGPIPE, SIG_IGN);  // a reader that goes away leaves nothing behind either
+    signal(SIGPIPE, SIG_IGN);  // files are removed even if the reader of the report goes away
 }
 
 Runner::~Runner() {
@@ -122,14 +122,14 @@ void Runner::runInChild(const Check& check, int directory) const {
         check.run();
         evidence->verdict = Verdict::passed;
     } catch (const Stop&) {
-        // the verdict stands
+        // the verdict is recorded
     } catch (const std::exception& error) {
         did("the check itself failed: %s", error.what());
     }
     _exit(0);
 }
 
-// Returns the status of the child, -1 when nothing ends it. Its group ends with it.
+// Returns the status of the child, -1 if not even SIGKILL ends it. Kills its process group, too.
 int Runner::await(pid_t child, Result& result) {
     double end = now() + time_limit_;
     int status = -1;
@@ -148,7 +148,7 @@ int Runner::await(pid_t child, Result& result) {
         kill(-child, SIGKILL);
         end = now() + PATIENCE;
     }
-    kill(-child, SIGKILL);  // helpers that outlive a check that was killed
+    kill(-child, SIGKILL);  // helper processes that outlive a killed check
     return status;
 }
 

@@ -22,7 +22,7 @@ struct Result {
     std::string reason;
     double seconds = 0;
     bool is_over_time = false;
-    bool lacks_request = false;  // skipped, since the driver lacks what it needs
+    bool lacks_request = false;  // skipped, because the driver lacks a request that it needs
 };
 
 // Runs checks one after the other, each in a process group of its own that has a time limit.

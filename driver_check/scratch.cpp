@@ -55,7 +55,7 @@ bool removeEntry(int parent, const char* name, dev_t device) {
     return fd >= 0 && clearDirectory(fd, device) && unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
-// Takes over the descriptor.
+// Closes the descriptor.
 bool clearDirectory(int fd, dev_t device) {
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(fd), closedir);
     if (stream == nullptr) {

@@ -7,14 +7,14 @@
 
 namespace driver_check {
 
-// A directory of this run's own. Everything below goes when the object goes, or by its name when
-// kept: never through a link, and on no other file system.
+// A directory of this run. The destructor removes it with everything below, unless keep() was
+// called. It follows no link and enters no other file system.
 class Scratch {
   public:
     // Makes one with a new name. valid() says whether that worked, error() why not.
     explicit Scratch(const std::string& parent);
-    // The one that is made by --stage=before and opened (and removed) by --stage=after. Without a
-    // stage: none.
+    // The directory `name`: made for Stage::before, opened for Stage::after. No directory for
+    // Stage::none.
     Scratch(const std::string& parent, const std::string& name, Stage stage);
     ~Scratch();
     Scratch(const Scratch&) = delete;
@@ -32,7 +32,7 @@ class Scratch {
     const std::string& path() const {
         return path_;
     }
-    // Removes what is in it. False: something stays.
+    // Removes its entries. Returns false if some are left.
     bool clear() const;
     // Lets the directory and its content outlive the object.
     void keep() {

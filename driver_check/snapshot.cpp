@@ -20,32 +20,32 @@ File layeredFile(const std::string& content, const std::string& name = "source")
 }
 
 // A stamped file: its writer puts the next number at the start of one block after the other, always
-// in the same scattered order. So at any instant the numbers of all blocks follow each other
-// without a gap. A snapshot that misses one write and has a later one shows a gap.
+// in the same scattered order. So at any instant the numbers of all blocks are consecutive. A
+// snapshot that misses one write and has a later one shows a gap.
 using Stamp = uint32_t;
 constexpr Stamp BLOCKS = 64;
 
-size_t placeOf(Stamp stamp) {
+size_t offsetOf(Stamp stamp) {
     return stamp * 37 % BLOCKS * BLOCK;
 }
 
 std::string stampedContent() {
     std::string content(BLOCKS * BLOCK, '\0');
     for (Stamp stamp = 0; stamp < BLOCKS; ++stamp) {
-        memcpy(&content[placeOf(stamp)], &stamp, sizeof(stamp));
+        memcpy(&content[offsetOf(stamp)], &stamp, sizeof(stamp));
     }
     return content;
 }
 
-// The numbers may run over: only their distances count.
+// The numbers may overflow: only their differences count.
 void expectOneInstant(const std::string& content) {
     Stamp first = 0;
     memcpy(&first, content.data(), sizeof(first));
     int32_t oldest = 0;
     int32_t newest = 0;
-    for (size_t place = 0; place < content.size(); place += BLOCK) {
+    for (size_t offset = 0; offset < content.size(); offset += BLOCK) {
         Stamp stamp = 0;
-        memcpy(&stamp, content.data() + place, sizeof(stamp));
+        memcpy(&stamp, content.data() + offset, sizeof(stamp));
         oldest = std::min(oldest, static_cast<int32_t>(stamp - first));
         newest = std::max(newest, static_cast<int32_t>(stamp - first));
     }
@@ -59,7 +59,7 @@ void expectOneInstant(const std::string& content) {
     }
 }
 
-// Takes snapshots of "source" as long as the writer races them, and judges each.
+// Takes snapshots of "source" while the writer changes it, and judges each.
 void race(const std::function<void()>& writer, const std::function<void(const File&)>& judge,
           double factor = 1) {
     did("another process writes to source all the time");
@@ -136,7 +136,7 @@ void over4GiB() {
     }
 }
 
-// Pages of the snapshot file that are in memory from before must not outlive the request.
+// Pages of the snapshot file that are in memory before the request must not outlive it.
 void cachedData() {
     const File source = layeredFile(pattern(SMALL));
     const File snapshot = newFile("snapshot", pattern(SMALL, 5));
@@ -251,7 +251,7 @@ void oneInstant() {
         [] {
             const File own("source", O_RDWR);
             for (Stamp stamp = BLOCKS;; ++stamp) {
-                need(pwrite(own.fd(), &stamp, sizeof(stamp), static_cast<off_t>(placeOf(stamp))),
+                need(pwrite(own.fd(), &stamp, sizeof(stamp), static_cast<off_t>(offsetOf(stamp))),
                      "pwrite");
             }
         },
@@ -297,7 +297,7 @@ void oneInstantMapped() {
             const Mapping mapping(own);
             auto* const bytes = const_cast<unsigned char*>(mapping.bytes());
             for (Stamp stamp = BLOCKS;; ++stamp) {
-                __atomic_store_n(reinterpret_cast<Stamp*>(bytes + placeOf(stamp)), stamp,
+                __atomic_store_n(reinterpret_cast<Stamp*>(bytes + offsetOf(stamp)), stamp,
                                  __ATOMIC_SEQ_CST);
             }
         },

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The files that the kernel knows, and how to reach each of them in the backing directory.
+// The known files, which are those that the kernel holds references to, and how to reach each of
+// them in the backing directory.
 //
-// A known directory holds a descriptor. Any other known file holds none, so that their number is
-// not limited: its directory and its name lead to it. A file gets a descriptor of its own when that
-// name goes away while the kernel still knows the file.
+// A known directory has an open descriptor. Any other known file is reached by its directory and
+// its name, so that descriptors do not limit their number. It gets a descriptor of its own when
+// that name goes away.
 //
 // Only one thread serves the volume. A call that reached the volume's own mount would wait for that
-// thread for ever, and others can mount the volume below its backing directory at any time. So
-// every entry is opened with O_PATH and its device compared before anything is asked of it.
+// thread for ever, and the volume can be mounted below its backing directory at any time. So every
+// entry is first opened with O_PATH and its device compared.
 #pragma once
 
 #include <sys/stat.h>

@@ -86,8 +86,8 @@ int runOnPath(fuse_req_t req, fuse_ino_t id, Function function) {
 }
 
 void initialize(void* /*user_data*/, fuse_conn_info* connection) {
-    // Splicing would keep the messages out of memory, where O_TMPFILE's is rewritten. The kernel
-    // shall clear set-ID bits as far as it can, and send a truncating open as an open and a
+    // Messages must be in memory, not spliced, because that of O_TMPFILE is rewritten. The kernel
+    // is to clear set-ID bits as far as it can, and to send a truncating open as an open and a
     // truncation.
     connection->want &= ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ | FUSE_CAP_HANDLE_KILLPRIV |
                                                FUSE_CAP_ATOMIC_O_TRUNC);

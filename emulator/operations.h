@@ -12,7 +12,7 @@
 
 namespace emulator {
 
-// What the operations work on. Its address is the session's user data.
+// The state that the operations share. Its address is the session's user data.
 struct Server {
     Volume volume;
     fuse_session* session = nullptr;

@@ -32,7 +32,7 @@ int giveBack(const Request& request, const Record& record) {
     return 0;
 }
 
-// The kernel's description of an open descriptor. One read returns all of it from one look.
+// A descriptor as /proc/PID/fdinfo describes it. One read returns all values of one moment.
 struct DescriptorInfo {
     unsigned int flags = 0;  // of open, O_PATH included
     unsigned long long mount = 0;
@@ -53,12 +53,12 @@ bool readDescriptorInfo(pid_t pid, int descriptor, DescriptorInfo& info) {
 // EBADF: there is none, or it is not open for reading; EXDEV: not on this mount; EINVAL: not a
 // regular file.
 //
-// Another thread of the caller may exchange the descriptor at any time. So access and file must
-// come from one look, which is the read of the description. It names a mount and an inode. `file`
-// is opened before and tells the device and type of that mount and inode; while it is open, no
-// other mount gets the same number. A copy of the descriptor (pidfd_getfd) would not do: to close
-// it can mean a flush, which waits for the file's own daemon, and an ordinary user may not always
-// make it.
+// Another thread of the caller may replace the descriptor at any time. So access mode and file must
+// be of one moment, which is the read of its description. That has the numbers of the mount and the
+// inode. `file` is opened before and has the device and type that belong to these numbers; while it
+// is open, no other mount gets the same number. A copy of the descriptor (pidfd_getfd) would not
+// do: closing it can flush the file, which waits for the file's own daemon, and an ordinary user
+// may not be allowed to make it.
 //
 // The calling thread waits for the reply, so its id cannot be reused meanwhile. O_PATH and
 // AT_STATX_DONT_SYNC make no call to this daemon, which could not serve it now.

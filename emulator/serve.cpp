@@ -46,7 +46,7 @@ int openWhenFree(const char* backing, Volume& volume) {
     return error;
 }
 
-// Opens the backing directory and tries what the volume needs of it.
+// Opens the backing directory and tries the features that the volume needs.
 int openBacking(const std::string& backing, Volume& volume, bool& shares_blocks) {
     if (const int error = openWhenFree(backing.c_str(), volume)) {
         return fail(error, "open the backing directory", backing,
@@ -78,12 +78,12 @@ int checkMountPoint(const std::string& mount_point, const Volume& volume, fs::pa
         return fail(EBUSY, "mount on", mount_point,
                     "it is a mount point already, to be freed with fusermount3 -u");
     }
-    // A mount point inside the volume would not be of use: its entry is refused with EXDEV. The
-    // backing directory itself is fine, since its descriptor leads below the mount.
+    // A mount point inside the volume would be useless: its entry is refused with EXDEV. The
+    // backing directory itself can be the mount point, since its descriptor leads below the mount.
     mount_path = fs::read_symlink(ProcPath(fd.get()).text);
     const fs::path backing = fs::read_symlink(ProcPath(volume.root->fd.get()).text);
-    const fs::path way = mount_path.lexically_relative(backing);
-    if (way != "." && *way.begin() != "..") {
+    const fs::path relative = mount_path.lexically_relative(backing);
+    if (relative != "." && *relative.begin() != "..") {
         return fail(EINVAL, "mount on", mount_point, "it is inside the backing directory");
     }
     return 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The border between the manager's C++ and its C interface.
+// What the functions of the C interface share: options, and errors from exceptions.
 #pragma once
 
 #include <cstring>
@@ -19,7 +19,7 @@ namespace manager {
 // Fills in the caller's error from the exception that is being handled; returns its code.
 int32_t reportFailure(f2fs_snapshot_error* error) noexcept;
 
-// Runs the body of a function of the C interface.
+// Runs the body of a function of the C interface. Returns the function's result.
 template <typename Body>
 int32_t guarded(f2fs_snapshot_error* error, Body body) noexcept {
     try {
@@ -30,7 +30,7 @@ int32_t guarded(f2fs_snapshot_error* error, Body body) noexcept {
     }
 }
 
-// The caller's options as this version knows them: what its structure lacks is zero.
+// A copy of the caller's options. Members that an older caller's structure lacks are zero.
 template <typename Options>
 Options optionsOf(const Options* given) {
     static_assert(std::is_trivially_copyable_v<Options>);

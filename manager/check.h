@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What would become of a snapshot, before anything is changed.
+// Finds what would make create fail or would not be covered. Changes nothing.
 #pragma once
 
 #include "manager/sources.h"

@@ -67,7 +67,7 @@ class Partial {
             removeTree(fd(), name, path() + "/" + name, [&] { monitor_.poll(); });
         }
     }
-    // Has everything on the disk, then gives it the name.
+    // Writes everything to the disk, then gives it the name.
     void publish() {
         monitor_.begin(F2FS_SNAPSHOT_PHASE_SYNC);
         if (syncfs(fd()) != 0) {
@@ -94,7 +94,7 @@ class Partial {
     bool is_made_ = false;
 };
 
-// One call for a snapshot: attempts until one is whole.
+// One call of createSnapshot: makes attempts until one is whole, or the last has been made.
 class Creation {
   public:
     Creation(const Store& store, const CreateRequest& request, Monitor& monitor)
@@ -200,7 +200,7 @@ void Creation::attempt(bool is_last) {
     }
     compareSources();
     if (library_.result != 0) {
-        // A name that went away while the library was at it ends the library's call.
+        // The library's call fails if a name vanishes while it works.
         if (is_last || (changes_.empty() && library_.result != FILES_KEPT_CHANGING)) {
             explain("the snapshot library ended with " + std::to_string(library_.result));
         }
@@ -217,7 +217,7 @@ void Creation::listSources() {
     monitor_.begin(F2FS_SNAPSHOT_PHASE_LIST);
     listings_.clear();
     Rules rules(store_, sources_, request_.name);
-    refuse(rules.findings());  // before trees are read that are refused anyway
+    refuse(rules.findings());  // before the trees are read
     for (const Source& source : sources_) {
         listings_.emplace_back(source.path);
         Listing& listing = listings_.back();
@@ -310,7 +310,7 @@ void Creation::compareSource(const Source& source, Listing& listing) {
     });
 }
 
-// Of the same file, directory or link as before.
+// Records the attributes of an entry that is still the same file, directory or link.
 void Creation::compareEntry(const TreeWalk& walk, Entry& entry, const std::string& path) {
     const struct statx& attributes = walk.attributes();
     if (entry.type() == S_IFDIR && entry.changed != nanoseconds(attributes.stx_ctime)) {
@@ -320,8 +320,7 @@ void Creation::compareEntry(const TreeWalk& walk, Entry& entry, const std::strin
     entry.mode = attributes.stx_mode;
     entry.owner = attributes.stx_uid;
     entry.group = attributes.stx_gid;
-    // The time of the last write before the instant, as near as it is known: a later one tells
-    // nothing about what the snapshot holds.
+    // The last known time of a write before the instant: a later write may not be in the snapshot.
     const int64_t modified = nanoseconds(attributes.stx_mtime);
     if (modified <= info_.instant_earliest) {
         entry.modified = modified;
@@ -362,7 +361,7 @@ void Creation::record() {
     writeAttributes(partial_->fd(), partial_->path(), attributes_);
 }
 
-// The snapshot is compared with the listing on the way: both must have the same names.
+// Also compares the snapshot with the listing: both must have the same names.
 void Creation::recordTree(const Source& source, Listing& listing, ManifestWriter& manifest) {
     const std::string root = partial_->path() + "/snapshot";
     UniqueFd top(openat(partial_->fd(), ("snapshot" + source.path).c_str(),
@@ -451,7 +450,7 @@ std::string unallocated(const LibraryLog& log, const std::string& root) {
     return "";
 }
 
-// The library's failure in one sentence: what check says of the trees, if it knows.
+// Throws the library's failure with the best known reason: no room, a change or a finding.
 void Creation::explain(const std::string& reason) {
     std::string path = sources_.front().path;
     std::string message = reason;
@@ -495,7 +494,7 @@ void Creation::keepLog(std::string& message) {
         writeFile(store_.fd(), name.c_str(), path, text);
         message += "; the end of its log is in " + shown(path);
     } catch (const Failure&) {
-        // The failure that it is about matters more.
+        // The library's failure matters more than its log.
     }
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes a generation: the library's snapshot, and the proof that names did not change around it.
+// Makes a generation: calls the library, and proves that no name changed meanwhile.
 #pragma once
 
 #include <string>

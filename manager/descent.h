@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A way down a tree that holds few descriptors however deep it is, and follows no link.
+// Moves up and down a directory tree with few open descriptors at any depth. Follows no link.
 #pragma once
 
 #include <string>
@@ -14,29 +14,29 @@ class Descent {
     // path  of the top, for messages
     Descent(UniqueFd top, std::string path);
 
-    // The directory that the way has led to.
+    // The current directory.
     int fd() const {
         return levels_.back().fd.get();
     }
     const std::string& path() const {
         return path_;
     }
-    // How many directories are above it, 0 at the top.
+    // Levels below the top, which has 0.
     size_t depth() const {
         return levels_.size() - 1;
     }
 
-    // Goes on to a directory in this one.
+    // Enters a subdirectory of the current directory.
     void enter(const std::string& name);
-    // The same, with a descriptor that the caller opened, and its attributes.
+    // The same, with the subdirectory's open descriptor and attributes.
     void enter(UniqueFd directory, const std::string& name, const struct statx& identity);
-    // Goes back. Throws if the directory was moved out of the one that it was entered from, and
-    // that one is no longer open.
+    // Goes back to the directory above. If that is no longer open, it is opened by ".."; throws
+    // ERROR_SYSTEM if the current directory was moved elsewhere meanwhile.
     void leave();
 
   private:
     struct Level {
-        UniqueFd fd;  // closed while the way is much deeper
+        UniqueFd fd;  // closed while the current directory is much deeper
         struct statx identity;
         size_t path_length;
     };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where a snapshot is restored to.
+// The directory that a snapshot is restored into.
 #pragma once
 
 #include <string>
@@ -11,10 +11,10 @@
 
 namespace manager {
 
-// The directory to restore into. One call at a time has it.
+// The directory, locked against other restores.
 class Destination {
   public:
-    // Makes the directory if it is missing; it goes away with the object if it is empty then.
+    // Makes the directory if it is missing. The destructor removes it again if it is empty then.
     // dry_run  makes and locks nothing
     Destination(const Store& store, const std::string& path, bool dry_run);
     Destination(const Destination&) = delete;
@@ -32,7 +32,7 @@ class Destination {
     const std::string& path() const {
         return path_;
     }
-    // Throws ERROR_EXISTS. The partial tree of a restore that was killed does not count.
+    // Throws ERROR_EXISTS if the directory holds more than the PartialTree of a killed restore.
     void requireEmpty() const;
     void removePartial(Monitor& monitor) const;
 
@@ -45,8 +45,9 @@ class Destination {
     bool is_made_ = false;
 };
 
-// The subdirectory of an empty destination in which trees are made that shall appear when they are
-// whole. Goes away with the object, and takes along what was published unless that is to be kept.
+// A subdirectory of an empty destination. Trees are made in it, so that they appear in the
+// destination when they are complete. Without keep(), the destructor removes everything that was
+// made and published.
 class PartialTree {
   public:
     explicit PartialTree(const Destination& destination);
@@ -55,9 +56,9 @@ class PartialTree {
     ~PartialTree();
 
     UniqueFd open() const;
-    // Moves what is in it to the destination.
+    // Moves its entries to the destination.
     void publish();
-    // Ends with what was published.
+    // Removes the empty subdirectory; what was published stays.
     void keep();
 
   private:
@@ -67,7 +68,7 @@ class PartialTree {
     bool is_kept_ = false;
 };
 
-// Whether a path is `top` or leads to something in it.
+// Whether a path is `top` or below it.
 bool isAtOrBelow(const std::string& path, const std::string& top);
 
 }  // namespace manager

@@ -3,8 +3,8 @@
  * Named snapshots of directory trees, kept in a store: the C interface of
  * libf2fs_snapshot_manager.so. It compiles as C11 and as C++17.
  *
- * A store is a directory that only its owner can enter. Each snapshot in it has a name, and a name
- * that exists is a whole snapshot: one that is being made, or was cut short, has no name yet.
+ * A store is a directory that only its owner can enter. Each snapshot in it has a name. A snapshot
+ * gets its name when it is complete: one that is being made, or was interrupted, has none.
  *
  * Results. Every function that can fail returns an f2fs_snapshot_code, 0 on success. If `error` is
  * not NULL, a failure fills it in; a success leaves it alone. Out parameters are written on success
@@ -19,8 +19,8 @@
  * system allows comes through unchanged. Messages are English sentences in UTF-8, with unprintable
  * bytes of paths escaped as in C.
  *
- * Ownership. What a function returns through an out parameter belongs to the caller and is given
- * back with the function that the parameter's type names. It stays valid when the store is closed.
+ * Ownership. An object returned through an out parameter belongs to the caller, who frees it with
+ * the _free or _close function of its type. It stays valid when the store is closed.
  *
  * Threads. Functions can be called from several threads at the same time, also on one store.
  * Callbacks come on the thread of the call that they were given to, and only during it. A callback
@@ -28,8 +28,8 @@
  * for the store or sources that its own call has locked succeeds.
  *
  * Processes. f2fs_snapshot_create starts one helper program per attempt and waits for it; it
- * neither changes the handling of signals nor waits for other children. The helper dies with the
- * thread that called.
+ * neither changes the handling of signals nor waits for other children. The kernel kills the helper
+ * when the calling thread ends.
  */
 #ifndef F2FS_SNAPSHOT_MANAGER_H
 #define F2FS_SNAPSHOT_MANAGER_H
@@ -48,14 +48,14 @@ extern "C" {
 typedef enum f2fs_snapshot_code {
     F2FS_SNAPSHOT_OK = 0,
     F2FS_SNAPSHOT_ERROR_ARGUMENT = 1,     /* a parameter that no call could accept */
-    F2FS_SNAPSHOT_ERROR_SYSTEM = 2,       /* a system call failed: os_error tells */
+    F2FS_SNAPSHOT_ERROR_SYSTEM = 2,       /* a system call failed with os_error */
     F2FS_SNAPSHOT_ERROR_STORE = 3,        /* the directory cannot serve as a store */
     F2FS_SNAPSHOT_ERROR_SOURCE = 4,       /* a source cannot be snapshotted into this store */
     F2FS_SNAPSHOT_ERROR_NAME = 5,         /* a name that no snapshot can have */
     F2FS_SNAPSHOT_ERROR_EXISTS = 6,       /* a snapshot or file of that name is there already */
     F2FS_SNAPSHOT_ERROR_NOT_FOUND = 7,    /* no snapshot of that name */
     F2FS_SNAPSHOT_ERROR_BUSY = 8,         /* another call holds the store, a source or a snapshot */
-    F2FS_SNAPSHOT_ERROR_CANCELLED = 9,    /* the cancel callback asked for it */
+    F2FS_SNAPSHOT_ERROR_CANCELLED = 9,    /* the cancel callback ended the call */
     F2FS_SNAPSHOT_ERROR_TIMEOUT = 10,     /* the time limit has passed */
     F2FS_SNAPSHOT_ERROR_LIBRARY = 11,     /* the snapshot library failed or died */
     F2FS_SNAPSHOT_ERROR_NOT_WHOLE = 12,   /* strict only: see f2fs_snapshot_create */
@@ -70,7 +70,7 @@ typedef struct f2fs_snapshot_error {
     size_t size;
     int32_t code;       /* an f2fs_snapshot_code */
     int32_t os_error;   /* an errno value, or 0 */
-    char path[4096];    /* the path that it is about, or "" */
+    char path[4096];    /* the path that could not be handled, or "" */
     char message[1024]; /* one sentence: what failed, why, and what to do */
 } f2fs_snapshot_error;
 #define F2FS_SNAPSHOT_ERROR_INIT \
@@ -85,7 +85,7 @@ typedef enum f2fs_snapshot_phase {
     F2FS_SNAPSHOT_PHASE_SYNC = 5,    /* what was made is written to the disk */
     F2FS_SNAPSHOT_PHASE_VERIFY = 6,  /* a snapshot is compared with its manifest */
     F2FS_SNAPSHOT_PHASE_RESTORE = 7, /* files are copied out */
-    F2FS_SNAPSHOT_PHASE_REMOVE = 8   /* a snapshot, or what a failure left, is removed */
+    F2FS_SNAPSHOT_PHASE_REMOVE = 8   /* a snapshot, or the rest of a failed call, is removed */
 } f2fs_snapshot_phase;
 
 typedef struct f2fs_snapshot_progress {
@@ -95,7 +95,7 @@ typedef struct f2fs_snapshot_progress {
     uint32_t pass;        /* check pass from 1, 0 before the first */
     uint64_t files_done;  /* regular files of this phase; in later passes, of this pass */
     uint64_t files_total; /* 0 while unknown */
-    uint64_t files_again; /* files snapshotted again so far in this attempt */
+    uint64_t files_again; /* how often a file was snapshotted again so far in this attempt */
 } f2fs_snapshot_progress;
 
 /* Each member may be NULL. `context` is passed to all of them. */
@@ -105,8 +105,8 @@ typedef struct f2fs_snapshot_callbacks {
     /* At each change of phase or pass, and in between about every tenth of a second. */
     void (*progress)(void* context, const f2fs_snapshot_progress* progress);
     /* Each log line of the snapshot library, several per file, with its Android priority (4:
-     * information, 6: error). Where the library's lines cannot be captured (Android before API 30),
-     * none. */
+     * information, 6: error). Never called where the lines cannot be captured (Android before API
+     * 30). */
     void (*log)(void* context, int32_t priority, const char* line);
     /* Asked about every tenth of a second, and before each step that cannot be undone. A result
      * other than 0 ends the call with F2FS_SNAPSHOT_ERROR_CANCELLED and leaves nothing behind. */
@@ -122,7 +122,7 @@ typedef enum f2fs_snapshot_severity {
     F2FS_SNAPSHOT_NOTE = 3       /* worth knowing */
 } f2fs_snapshot_severity;
 
-/* What was found about a path. The numbers never change. */
+/* Kinds of findings. The numbers never change. */
 typedef enum f2fs_snapshot_finding_kind {
     /* f2fs_snapshot_check, and what f2fs_snapshot_create refuses or names as not covered */
     F2FS_SNAPSHOT_FOUND_NO_DRIVER = 1,        /* the volume has no snapshot requests */
@@ -140,7 +140,7 @@ typedef enum f2fs_snapshot_finding_kind {
     F2FS_SNAPSHOT_FOUND_APPEARED = 20,             /* a new name */
     F2FS_SNAPSHOT_FOUND_VANISHED = 21,             /* a name that is gone */
     F2FS_SNAPSHOT_FOUND_REPLACED = 22,             /* the name of another file, directory or link */
-    F2FS_SNAPSHOT_FOUND_DIRECTORY_CHANGED = 23,    /* names came and went, or its attributes */
+    F2FS_SNAPSHOT_FOUND_DIRECTORY_CHANGED = 23,    /* its names or attributes changed meanwhile */
     F2FS_SNAPSHOT_FOUND_DIRECTORY_UNREADABLE = 24, /* a check pass could not read all of it */
     F2FS_SNAPSHOT_FOUND_NOT_TAKEN = 25,            /* the snapshot differs from both listings */
     /* f2fs_snapshot_verify: how a snapshot differs from its manifest */
@@ -151,8 +151,8 @@ typedef enum f2fs_snapshot_finding_kind {
     F2FS_SNAPSHOT_FOUND_LINK_DIFFERS = 44,
     F2FS_SNAPSHOT_FOUND_DIGEST_DIFFERS = 45,
     F2FS_SNAPSHOT_FOUND_UNREADABLE = 46,
-    /* f2fs_snapshot_restore: what could not be set on a restored path, and what is in its way; also
-     * the differences that f2fs_snapshot_verify finds, where it meets them */
+    /* f2fs_snapshot_restore, which reports the kinds above as well: what could not be set on a
+     * restored path, and what is in its way */
     F2FS_SNAPSHOT_FOUND_OWNER_NOT_SET = 60, /* nor are the set-user-ID and set-group-ID modes */
     F2FS_SNAPSHOT_FOUND_ATTRIBUTE_NOT_SET = 61,
     F2FS_SNAPSHOT_FOUND_LINK_NOT_SET = 62, /* names of one file hold different contents */
@@ -160,14 +160,15 @@ typedef enum f2fs_snapshot_finding_kind {
 } f2fs_snapshot_finding_kind;
 
 typedef struct f2fs_snapshot_finding {
-    const char* path;    /* absolute; of verify: below the snapshot */
+    const char* path;    /* absolute; a path in a snapshot is given as that of its source */
     int32_t kind;        /* an f2fs_snapshot_finding_kind */
     int32_t severity;    /* an f2fs_snapshot_severity */
     int32_t os_error;    /* an errno value, or 0 */
     const char* message; /* one sentence that includes the path */
 } f2fs_snapshot_finding;
 
-/* Findings in the order of their paths' bytes, and what was counted on the way. */
+/* Findings in the order of their paths ('/' before all other bytes), and the entries that the call
+ * counted. Attributes that a restore cannot set on directories come last. */
 typedef struct f2fs_snapshot_report {
     size_t size;
     const f2fs_snapshot_finding* findings;
@@ -197,12 +198,13 @@ typedef struct f2fs_snapshot_info {
     uint64_t bytes;       /* sizes of the files */
     uint32_t attempts;    /* how often the library was called */
     uint32_t passes;      /* check passes of the last attempt; 0: not known */
-    uint64_t files_again; /* files that were snapshotted more than once in it */
-    /* 1: the trees are whole, as of the one instant: names, types, links and contents, except that
-     * files named in `findings` as hard links are not covered against each other. 0: `findings`
-     * tells what changed; contents are still of one instant, for files that kept their name. */
+    uint64_t files_again; /* how often a file was snapshotted again in it */
+    /* 1: the snapshot holds the whole trees as of one instant: names, types, links and contents.
+     * Only files that `findings` names as hard links are not covered against each other.
+     * 0: `findings` names what changed. Contents of files that kept their name are still of one
+     * instant. */
     int32_t whole;
-    int32_t links_blocked; /* 1: symbolic links put in the library's way were not followed */
+    int32_t links_blocked; /* 1: the library was kept from following symbolic links */
     int32_t has_digests;   /* 1: the manifest holds SHA-256 digests */
     const f2fs_snapshot_finding* findings;
     size_t finding_count;
@@ -232,7 +234,7 @@ typedef struct f2fs_snapshot_store f2fs_snapshot_store;
 F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_store_open(const char* path, uint32_t flags,
                                                            f2fs_snapshot_store** store,
                                                            f2fs_snapshot_error* error);
-/* Takes NULL too. No other call may be using the store. */
+/* `store` may be NULL. No other call may be using it. */
 F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_store_close(f2fs_snapshot_store* store);
 /* The store's path, absolute and without links. Valid until the store is closed. */
 F2FS_SNAPSHOT_MANAGER_API const char* f2fs_snapshot_store_path(const f2fs_snapshot_store* store);
@@ -249,7 +251,7 @@ typedef struct f2fs_snapshot_check_options {
 /*
  * Reports each path below the sources that would make f2fs_snapshot_create fail (severity FAILS)
  * or that it would not cover (UNCOVERED). Changes nothing: files are opened for reading and
- * writing, which is what create has to do, and closed again.
+ * writing, as create has to do, and closed again.
  *
  * A tree without a finding of severity FAILS can be snapshotted, as long as it does not change and
  * neither space nor descriptors run out.
@@ -283,11 +285,11 @@ typedef struct f2fs_snapshot_create_options {
     { sizeof(f2fs_snapshot_create_options), NULL, NULL, 0, 0, 0, 0, NULL, 0 }
 
 /*
- * Snapshots the source trees as a new generation of the store.
+ * Adds a snapshot of the source trees to the store.
  *
- * The trees are listed, snapshotted by the library, and listed again. If anything differs, the
- * library is called again, `attempts` times in all. If it still does, the snapshot is kept with
- * info->whole = 0 and the list of what changed; with `strict` the call fails instead.
+ * The trees are listed, snapshotted by the library, and listed again. If anything differs, all of
+ * this is repeated, up to `attempts` times in all. If something still differs, the snapshot is kept
+ * with info->whole = 0 and the changes as findings; with `strict` the call fails instead.
  *
  * sources  directories by absolute paths, at least one. Links in them are resolved first. None may
  *          be given twice, lie below another, contain the store or lie in it, have a file system
@@ -332,8 +334,8 @@ typedef struct f2fs_snapshot_list {
 F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_list_free(f2fs_snapshot_list* list);
 
 /*
- * Lists the store's snapshots. Takes no lock: a snapshot that is made or destroyed meanwhile is in
- * the list or not.
+ * Lists the store's snapshots. Takes no lock: a snapshot that is made or destroyed meanwhile may be
+ * in the list or not.
  *
  * snapshots  f2fs_snapshot_list_free
  *
@@ -344,7 +346,7 @@ F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_list_all(f2fs_snapshot_store* st
                                                          f2fs_snapshot_error* error);
 
 /*
- * Tells about one snapshot.
+ * Describes one snapshot.
  *
  * info  f2fs_snapshot_info_free
  *
@@ -390,8 +392,8 @@ typedef struct f2fs_snapshot_restore_options {
     const f2fs_snapshot_callbacks* callbacks; /* progress and cancel */
     const char* const* paths; /* absolute source paths to restore; NULL: everything */
     size_t path_count;
-    int32_t overwrite; /* 1: restore into what the destination holds; see below */
-    int32_t dry_run;   /* 1: only tell what would be restored, and what is in the way */
+    int32_t overwrite; /* 1: the destination may hold files; see below */
+    int32_t dry_run;   /* 1: change nothing; report what is in the way, and the counts */
 } f2fs_snapshot_restore_options;
 #define F2FS_SNAPSHOT_RESTORE_OPTIONS_INIT \
     { sizeof(f2fs_snapshot_restore_options), NULL, NULL, 0, 0, 0 }
@@ -399,17 +401,17 @@ typedef struct f2fs_snapshot_restore_options {
 /*
  * Copies a snapshot's trees into a directory, source S to destination + S, with modes, owners,
  * times, extended attributes, links and hard links as the manifest has them. Blocks of zeros become
- * holes. Directories above the trees get mode 0700. Writes through no link: neither a link below
- * the destination nor one put there meanwhile. The snapshot cannot be destroyed meanwhile.
+ * holes. Directories above the trees get mode 0700. Follows no link below the destination, not even
+ * one put there meanwhile. The snapshot cannot be destroyed meanwhile.
  *
  * What the snapshot has lost, or holds other than the manifest has it, does not end the call: the
  * rest is restored, and the report names it with severity FAILS.
  *
  * Without `overwrite`, the destination must be empty or missing. The trees are made in its
- * subdirectory .f2fs_snapshot_restore.partial and appear under their names when they are whole and
- * on the disk. A failure or cancel removes all that was made. If the process is killed, that
- * subdirectory stays. The next restore into this destination removes it; but if trees have begun to
- * appear, it has to be one with `overwrite`.
+ * subdirectory .f2fs_snapshot_restore.partial and appear under their names when they are complete
+ * and on the disk. A failure or cancel removes all that was made. If the process is killed, that
+ * subdirectory stays. The next restore into this destination removes it. If some trees have
+ * appeared already, that restore needs `overwrite`.
  *
  * With `overwrite`, directories that exist are used, and files and links that exist are replaced,
  * each in one step; nothing else is removed. An entry of another type in the way is ERROR_EXISTS,
@@ -432,15 +434,15 @@ f2fs_snapshot_restore(f2fs_snapshot_store* store, const char* name, const char* 
 
 typedef struct f2fs_snapshot_destroy_options {
     size_t size;
-    const f2fs_snapshot_callbacks* callbacks; /* progress; cancel is asked once, before it begins */
+    const f2fs_snapshot_callbacks* callbacks; /* progress; cancel until the removal begins */
 } f2fs_snapshot_destroy_options;
 #define F2FS_SNAPSHOT_DESTROY_OPTIONS_INIT \
     { sizeof(f2fs_snapshot_destroy_options), NULL }
 
 /*
- * Removes a snapshot. The name is gone first, then the data: if the process is killed, the next
- * call that changes the store removes the rest. Follows no link. A damaged snapshot, or one of an
- * unknown format, can be destroyed too.
+ * Removes a snapshot: its name first, then the data. If the process is killed, the next call that
+ * changes the store removes the rest. Follows no link. A damaged snapshot, or one of an unknown
+ * format, can be destroyed too.
  *
  * options  may be NULL
  *
@@ -453,9 +455,9 @@ f2fs_snapshot_destroy(f2fs_snapshot_store* store, const char* name,
 
 /*
  * Which snapshots to keep. Each rule keeps the newest snapshot of each of the newest N hours,
- * days, ISO weeks, months or years that have one, in local time, and counts for itself. A rule that
- * finds fewer than N keeps the oldest snapshot, too. A snapshot that no rule keeps is removed,
- * except the newest whole one. At least one rule must be given.
+ * days, ISO weeks, months or years that have one, in local time. Each rule counts separately. A
+ * rule that finds fewer than N also keeps the oldest snapshot. A snapshot that no rule keeps is
+ * removed, except the newest whole one. At least one rule must be given.
  */
 typedef struct f2fs_snapshot_prune_options {
     size_t size;
@@ -466,8 +468,8 @@ typedef struct f2fs_snapshot_prune_options {
     uint32_t keep_weekly;
     uint32_t keep_monthly;
     uint32_t keep_yearly;
-    uint64_t keep_within; /* seconds before the newest snapshot */
-    int32_t dry_run;      /* 1: only tell */
+    uint64_t keep_within; /* all that are less than this many seconds older than the newest */
+    int32_t dry_run;      /* 1: change nothing; report what would be removed */
 } f2fs_snapshot_prune_options;
 #define F2FS_SNAPSHOT_PRUNE_OPTIONS_INIT \
     { sizeof(f2fs_snapshot_prune_options), NULL, 0, 0, 0, 0, 0, 0, 0, 0 }

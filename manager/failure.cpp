@@ -25,7 +25,7 @@ size_t sequenceLength(const char* text, size_t size) {
             return 0;
         }
     }
-    // Overlong forms, surrogates, and what lies beyond the last code point.
+    // Overlong forms, surrogates, and values beyond the last code point.
     const bool is_bad = (byte(0) == 0xE0 && byte(1) < 0xA0) ||
                         (byte(0) == 0xED && byte(1) > 0x9F) ||
                         (byte(0) == 0xF0 && byte(1) < 0x90) || (byte(0) == 0xF4 && byte(1) > 0x8F);

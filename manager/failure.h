@@ -30,7 +30,7 @@ class Failure : public std::exception {
     int os_error;
 };
 
-// Throws ERROR_SYSTEM with "cannot DOING PATH: REASON", the reason being that of errno.
+// Throws ERROR_SYSTEM with "cannot DOING PATH: REASON". The reason is that of errno, or of `error`.
 [[noreturn]] void failSystem(const char* doing, const std::string& path);
 [[noreturn]] void failSystem(const char* doing, const std::string& path, int error);
 

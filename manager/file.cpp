@@ -40,7 +40,7 @@ bool isSame(const struct statx& one, const struct statx& other) {
 }
 
 std::string readLink(int parent, const char* name, const std::string& path) {
-    char text[4096];  // one more than the longest
+    char text[4096];  // one byte more than the longest text
     const ssize_t length = readlinkat(parent, name, text, sizeof text);
     if (length < 0) {
         failSystem("read the link", path);
@@ -80,7 +80,7 @@ void writeFile(int parent, const char* name, const std::string& path, const std:
 }
 
 int readNames(int directory, Names& names) {
-    // A descriptor of its own, so that the caller's has no offset that reading moves.
+    // A descriptor of its own, so that reading does not move the offset of the caller's.
     UniqueFd fd(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd.valid()) {
         return errno;
@@ -109,7 +109,7 @@ namespace {
     failSystem("remove", directory + "/" + name);
 }
 
-// Removes what a directory holds, except directories that hold something: returns their names.
+// Removes a directory's entries except subdirectories that are not empty. Returns their names.
 std::vector<std::string> removeNames(int directory, const std::string& path,
                                      const std::function<void()>& on_removed) {
     Names names;

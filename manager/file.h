@@ -47,16 +47,16 @@ class UniqueFd {
     int fd_ = -1;
 };
 
-// The path that leads to what a descriptor has open, whatever became of its name.
+// A path to the descriptor's open file that works even after it was renamed or removed.
 std::string procPath(int fd);
 
 // Opens a directory for reading, never through a link at its name ("." is the parent itself).
 UniqueFd openDirectory(int parent, const char* name, const std::string& path);
 
-// The attributes of a name, of the link itself if it is one. Returns 0 or an errno value.
+// Reads the attributes of a name; a link is not followed. Returns 0 or an errno value.
 int attributesOf(int parent, const char* name, struct statx& attributes);
 
-// Whether two objects are the same.
+// Whether both are of the same file (device and inode number).
 bool isSame(const struct statx& one, const struct statx& other);
 
 // The text of a symbolic link.
@@ -71,12 +71,12 @@ struct Names {
     std::vector<std::string> names;  // sorted by bytes, without "." and ".."
     bool has_unknown_types = false;  // the file system does not report the types of all entries
 };
-// What is in a directory. Returns 0 or an errno value.
+// Reads a directory's names. Returns 0 or an errno value.
 int readNames(int directory, Names& names);
 
-// Removes a name and all that is below it. Follows no link, whatever others do meanwhile, and needs
-// few descriptors however deep the tree is. A name that does not exist is no failure. on_removed is
-// called after each removal that is not a directory's.
+// Removes a name and all that is below it. Follows no link, not even one put there meanwhile, and
+// needs few descriptors at any depth. A name that does not exist is no failure. on_removed is
+// called for each removed entry that is not a directory.
 void removeTree(int parent, const std::string& name, const std::string& path,
                 const std::function<void()>& on_removed);
 

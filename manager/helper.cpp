@@ -26,10 +26,10 @@ constexpr char PROGRAM[] = "f2fs_snapshot_helper";
 constexpr int POLL_MILLISECONDS = 100;
 constexpr Clock::duration COUNT_INTERVAL = std::chrono::milliseconds(500);
 
-// Beside this library in a build directory, in the directory for helper programs when installed.
+// The installed helper program, or else the one beside this library, as in a build directory.
 std::string defaultProgram() {
     Dl_info self = {};
-    // NOLINTNEXTLINE(google-readability-casting): dladdr's way
+    // NOLINTNEXTLINE(google-readability-casting): dladdr takes a function's address as a void*
     if (dladdr(reinterpret_cast<void*>(&f2fs_snapshot_create), &self) == 0) {
         return PROGRAM;
     }
@@ -39,7 +39,7 @@ std::string defaultProgram() {
     return access(installed.c_str(), X_OK) == 0 ? installed : directory + PROGRAM;
 }
 
-// A pipe to read from, and descriptors above those that the helper is given.
+// A pipe from the helper. Reading from it does not block.
 struct Pipe {
     explicit Pipe(const char* name) {
         int ends[2];
@@ -54,7 +54,7 @@ struct Pipe {
     UniqueFd writer;
 };
 
-// Which descriptor of this process becomes which one of the helper.
+// Maps descriptors of this process to numbers in the helper.
 class FileActions {
   public:
     explicit FileActions(size_t count) : first_free_(REPORT_FD + static_cast<int>(count)) {
@@ -67,7 +67,7 @@ class FileActions {
     FileActions& operator=(const FileActions&) = delete;
 
     void add(int fd, int to) {
-        // A copy above all that are given, so that none is overwritten before its turn.
+        // A copy above the helper's numbers, so that no dup2 overwrites one that is still to come.
         copies_.emplace_back(fcntl(fd, F_DUPFD_CLOEXEC, first_free_));
         if (!copies_.back().valid()) {
             failSystem("hand a descriptor to", PROGRAM);
@@ -84,7 +84,7 @@ class FileActions {
     posix_spawn_file_actions_t actions_;
 };
 
-// Default signals, and a process group of its own: an interrupt from the terminal is the caller's.
+// Default signals, and a process group of its own: the terminal interrupts the caller only.
 struct Attributes {
     Attributes() {
         posix_spawnattr_init(&value);
@@ -106,7 +106,7 @@ struct Attributes {
     posix_spawnattr_t value;
 };
 
-// 0 as long as there is no such directory.
+// The number of regular files below a path, as far as it can be read.
 uint64_t countFiles(const std::string& path, Monitor& monitor) {
     uint64_t files = 0;
     try {
@@ -135,9 +135,9 @@ class Helper {
     Helper(const Helper&) = delete;
     Helper& operator=(const Helper&) = delete;
 
-    // Reads its messages until it has closed their pipe.
+    // Reads the helper's messages until it closes their pipe.
     void follow();
-    // Ends it, if it still runs. Returns the status that waitpid gave.
+    // Kills the helper unless it has closed the pipe. Returns its status as waitpid has it.
     int end();
     bool hasResult() const {
         return has_result_;
@@ -218,7 +218,7 @@ void Helper::follow() {
     }
 }
 
-// False: the pipe is closed.
+// Returns false when the helper has closed the pipe.
 bool Helper::readMessages() {
     char buffer[1 << 16];
     const ssize_t length = read(reports_.reader.get(), buffer, sizeof buffer);
@@ -282,7 +282,7 @@ void Helper::report(const LibraryLog& log) {
     now.files_done = now.pass == 0 ? log.files_taken : log.files_checked;
 }
 
-// Without the library's log, what the snapshot holds is all that tells of progress.
+// Without the library's log, the number of files in the snapshot shows the progress.
 void Helper::countFilesMade() {
     const Clock::time_point begin = Clock::now();
     if (!is_without_log_ || begin < next_count_) {
@@ -290,7 +290,7 @@ void Helper::countFilesMade() {
     }
     const uint64_t files = countFiles(call_.target + "/snapshot", monitor_);
     monitor_.now.files_done = std::min(files, monitor_.now.files_total);
-    // Not more than a tenth of the time.
+    // Counting takes no more than a tenth of the time.
     const Clock::time_point end = Clock::now();
     next_count_ = end + std::max(COUNT_INTERVAL, 10 * (end - begin));
 }
@@ -307,8 +307,8 @@ int Helper::end() {
     if (pid_ < 0) {
         return 0;
     }
-    // One that has closed its pipe ends by itself, and its number may belong to another process
-    // where the caller ignores SIGCHLD.
+    // A helper that has closed its pipe ends by itself. Where the caller ignores SIGCHLD, its
+    // process ID may already belong to another process.
     if (!is_ending_) {
         kill(pid_, SIGKILL);
     }

@@ -17,7 +17,7 @@ namespace manager {
 
 struct HelperCall {
     std::string program;  // empty: as installed with this library
-    std::string target;   // for CreateDirSnapshot, as are the sources
+    std::string target;   // of CreateDirSnapshot, like the sources
     std::vector<std::string> sources;
     std::vector<int> locks;  // descriptors that the helper shall hold as long as it lives
     std::chrono::seconds time_limit;
@@ -26,14 +26,14 @@ struct HelperCall {
 struct HelperResult {
     int32_t result = 0;  // of CreateDirSnapshot
     bool links_blocked = false;
-    bool has_log = false;    // `log` knows all lines
-    bool is_unsure = false;  // without them: a further check pass did not confirm the last one
+    bool has_log = false;    // the library's lines were captured: `log` has all of them
+    bool is_unsure = false;  // if not: one more check pass did not confirm the last one
     LibraryLog log;
 };
 
-// Runs one CreateDirSnapshot. Fills in the result as far as it gets, also when it throws:
-// ERROR_CANCELLED, ERROR_TIMEOUT, ERROR_LIBRARY if the helper died, ERROR_SYSTEM. The helper has
-// ended when this returns or throws.
+// Runs one CreateDirSnapshot. Throws ERROR_CANCELLED, ERROR_TIMEOUT, ERROR_LIBRARY if the helper
+// died, ERROR_SYSTEM; the result is then filled in with what was received. The helper has ended
+// when this returns or throws.
 void runHelper(const HelperCall& call, Monitor& monitor, HelperResult& result);
 
 }  // namespace manager

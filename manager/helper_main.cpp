@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// f2fs_snapshot_helper: runs the library for one snapshot, in a process that may hang, be ended or
-// die alone. Started by libf2fs_snapshot_manager.so only.
+// f2fs_snapshot_helper: runs the library for one snapshot, in a process of its own. The caller
+// survives if this process hangs or dies. Started by libf2fs_snapshot_manager.so only.
 #include <android/log.h>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -39,7 +39,7 @@ void send(Message::Type type, int32_t value, const char* text = "") {
     for (size_t i = 0; i < 2;) {
         const ssize_t sent = writev(manager::REPORT_FD, parts + i, static_cast<int>(2 - i));
         if (sent < 0) {
-            _exit(1);  // nobody listens any more
+            _exit(1);  // the caller has closed the pipe
         }
         size_t rest = static_cast<size_t>(sent);
         for (; i < 2 && rest >= parts[i].iov_len; ++i) {
@@ -52,7 +52,7 @@ void send(Message::Type type, int32_t value, const char* text = "") {
     }
 }
 
-// Ends with the parent, also if it has ended already.
+// Has the kernel kill this process when the parent ends. Returns false if it has ended already.
 bool dieWithParent(const char* parent) {
     return prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == atoi(parent);
 }
@@ -63,15 +63,15 @@ void closeFrom(int first) {
     if (stream == nullptr) {
         return;
     }
-    std::vector<int> strangers;
+    std::vector<int> leaked;
     while (const dirent* entry = readdir(stream)) {
         const int fd = atoi(entry->d_name);
         if (fd >= first && fd != dirfd(stream)) {
-            strangers.push_back(fd);
+            leaked.push_back(fd);
         }
     }
     closedir(stream);
-    for (const int fd : strangers) {
+    for (const int fd : leaked) {
         close(fd);
     }
 }
@@ -84,8 +84,8 @@ void raiseDescriptorLimit() {
     }
 }
 
-// Has this process follow no symbolic link any more. A user without the right to mount gets it by a
-// user namespace, where the system allows those.
+// Keeps this process from following symbolic links. A user without the right to mount gets it in a
+// user namespace, where the system allows one. Returns false if it is not possible.
 bool blockLinks() {
     struct {
         uint64_t attr_set, attr_clr, propagation, userns_fd;
@@ -96,8 +96,8 @@ bool blockLinks() {
            syscall(MOUNT_SETATTR, AT_FDCWD, "/", RECURSIVE, &attributes, sizeof attributes) == 0;
 }
 
-// As liblog declares it from API level 30 on. The form before, which Debian's liblog has, lacks the
-// text: the logger gets it as a second argument.
+// As liblog declares it from API level 30 on. The earlier form, which Debian's liblog has, lacks
+// `message`: the logger gets the text as a second argument.
 struct LogMessage {
     size_t struct_size;
     int32_t buffer_id;
@@ -127,11 +127,12 @@ void onMessage(const LogMessage* line) {
 
 template <typename Function>
 Function* find(const char* name) {
-    // NOLINTNEXTLINE(google-readability-casting): dlsym's way
+    // NOLINTNEXTLINE(google-readability-casting): dlsym returns a function's address as a void*
     return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));
 }
 
-// Whether the library's lines are captured, those for information included.
+// Captures the library's log lines. Returns false if some would be missing: a logger cannot be set,
+// or lines of information are filtered out.
 bool captureLog() {
     constexpr char SET_LOGGER[] = "__android_log_set_logger";
     if (const auto set = find<void(void (*)(const LogMessage*))>(SET_LOGGER);
@@ -148,7 +149,7 @@ bool captureLog() {
     return probe_seen;
 }
 
-// A check pass whose result tells of directories that it could not read.
+// Runs one more check pass. Returns false if it finds a change or cannot read a directory.
 bool isConfirmed(const std::vector<std::string>& sources, const std::string& target) {
     std::vector<file_info> modified;
     for (const std::string& source : sources) {

@@ -8,7 +8,7 @@
 //      "severity": 2, "os_error": 0, "message": "..."}]}
 //
 // JSON is Unicode text. Bytes of paths that are not UTF-8, control characters and "%" are written
-// as %XX. A reader accepts members that it does not know, and no other format than 1.
+// as %XX. A reader ignores unknown members and rejects any format but 1.
 #pragma once
 
 #include <string>
@@ -24,10 +24,10 @@ std::string infoToJson(const Info& info);
 // path  of the file, for messages. Throws ERROR_FORMAT.
 Info infoFromJson(const std::string& text, const std::string& path);
 
-// Reads a generation's file. `directory` is that of the generation at `path`.
+// Reads the file from a generation's open `directory` at `path`. Throws ERROR_FORMAT.
 Info readInfo(int directory, const std::string& path, const std::string& name);
 
-// Paths as they stand in JSON, and back. Throws ERROR_FORMAT for a "%" without two digits.
+// Encodes a path for JSON, and decodes it. Throws ERROR_FORMAT for a "%" without two hex digits.
 std::string encodePath(const std::string& path);
 std::string decodePath(const std::string& text);
 

@@ -11,7 +11,7 @@
 
 namespace manager {
 
-// A snapshot as far as the rules look at it.
+// The properties of a snapshot that the rules use.
 struct Dated {
     std::string name;
     int64_t created = 0;  // nanoseconds since the epoch
@@ -23,13 +23,13 @@ struct Verdict {
     std::vector<std::string> reasons;  // the rules that keep it; empty: none does
 };
 
-// A point in time as the calendar of a time zone has it.
+// Converts a time to date and time of day in some time zone.
 using Calendar = std::tm (*)(std::time_t);
 
 // The calendar of the process's time zone.
 std::tm localCalendar(std::time_t time);
 
-// Judges all snapshots, newest first. Each rule counts for itself. A rule that finds fewer periods
+// Judges all snapshots, newest first. Each rule counts separately. A rule that finds fewer periods
 // than it may keep also keeps the oldest snapshot, so that the history can grow to its full length.
 // The newest whole snapshot is always kept. Throws ERROR_ARGUMENT if no rule is given.
 std::vector<Verdict> judge(std::vector<Dated> snapshots, const f2fs_snapshot_prune_options& rules,

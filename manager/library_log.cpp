@@ -26,7 +26,7 @@ void LibraryLog::add(const std::string& line, int64_t time) {
         beginPass(time);
         ++files_checked;
     } else if (beginsWith(line, OPEN_FAILED)) {
-        // Of the first creation it ends the call, so that it does not matter what it is taken for.
+        // Before the first pass, this line ends the call, so that counting a pass does no harm.
         beginPass(time);
         unreadable = line.substr(sizeof OPEN_FAILED - 1);
         unreadable.resize(unreadable.size() - 1);  // the newline

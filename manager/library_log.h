@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads from the library's log what a create is doing.
+// Follows a create by the lines of the library's log.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ class LibraryLog {
   public:
     // Takes the next line. time: nanoseconds since the epoch.
     void add(const std::string& line, int64_t time);
-    // Takes a line that tells nothing.
+    // Takes a line for tail() only.
     void addOther(const std::string& line);
 
     uint64_t files_taken = 0;  // snapshots begun
@@ -20,7 +20,7 @@ class LibraryLog {
     // Of the last pass:
     uint64_t files_checked = 0;
     std::string unreadable;  // a directory that it could not read; empty: none
-    // The last pass began between these two.
+    // The last pass began between these two (nanoseconds since the epoch).
     int64_t earliest = 0;
     int64_t latest = 0;
 

@@ -86,7 +86,7 @@ bool isWithinClockTick(const struct statx& attributes) {
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
     const int64_t clock = now.tv_sec * SECOND + now.tv_nsec;
     const int64_t changed = nanoseconds(attributes.stx_ctime);
-    // A time far ahead, from before the clock was set back, is not met soon.
+    // A time far ahead is from before the clock was set back: waiting for it could take hours.
     if (changed < clock || changed > clock + SECOND) {
         return false;
     }

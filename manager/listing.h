@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The names of a tree at one time, and what became of them since.
+// The entries of a tree at one time, to be compared with a later walk.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ struct Entry {
     uint64_t inode;
     uint64_t size;
     int64_t modified;  // nanoseconds since the epoch, like the next one
-    int64_t changed;   // of a directory: the last change of its inode, as every change of names is
+    int64_t changed;   // ctime, which every change of a directory's names sets
     uint32_t mode;     // with the type
     uint32_t owner;
     uint32_t group;
@@ -50,10 +50,10 @@ class Listing {
   private:
     uint32_t keep(const std::string& text);
 
-    std::string texts_;  // with a NUL behind each
+    std::string texts_;  // each ends with a NUL
 };
 
-// A way through a listing that knows the paths.
+// Iterates over a listing and builds the paths.
 class ListingCursor {
   public:
     explicit ListingCursor(Listing& listing);
@@ -71,7 +71,7 @@ class ListingCursor {
         return listing_.text(entry().link_text);
     }
     void next();
-    // Goes on behind what is in the current directory.
+    // Goes to the next entry that is not below the current one.
     void skip();
 
   private:
@@ -83,9 +83,10 @@ class ListingCursor {
     std::vector<size_t> lengths_;  // of the paths of the directories above
 };
 
-// Goes through a listing and a walk of the same tree, or of a copy of it, side by side.
-// Each(entry's cursor or nullptr, whether the walk has the entry) tells what to do: true goes on
-// into directories, false leaves out what is in them.
+// Iterates over a listing and a walk of the same tree, or of a copy of it, side by side. Calls
+// each(cursor or nullptr, is_there) for each path: the cursor if the listing has it, and whether
+// the walk has it. If each returns false, everything below the path is skipped. The first
+// walk_prefix bytes of the walk's paths are ignored.
 template <typename Each>
 void merge(ListingCursor& cursor, TreeWalk& walk, size_t walk_prefix, Each each) {
     bool has_walk = walk.next();
@@ -107,8 +108,8 @@ void merge(ListingCursor& cursor, TreeWalk& walk, size_t walk_prefix, Each each)
     }
 }
 
-// Waits until a change of a directory that is read from now on gives it another time than it has:
-// the clock of time stamps goes in ticks. For a TreeWalk.
+// Whether the clock tick of the directory's ctime is not over, so that another change could get the
+// same time. If so, sleeps for a millisecond. For a TreeWalk.
 bool isWithinClockTick(const struct statx& attributes);
 
 // Nanoseconds since the epoch.

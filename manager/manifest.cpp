@@ -204,7 +204,7 @@ std::vector<Recorded> readManifest(int directory, const std::string& path) {
 
 std::string digestOf(int file, uint64_t size, const std::string& path,
                      const std::function<void()>& on_progress) {
-    // libarchive has no other way to its digests than a manifest's line.
+    // libarchive computes digests for the lines of a manifest only.
     char text[1024];
     size_t used = 0;
     const auto writer = newWriter(path, true);
@@ -251,7 +251,7 @@ std::string escapedForDump(const std::string& text, bool is_name) {
     return escaped;
 }
 
-// Undoes the above; false: not of that form.
+// Undoes escapedForDump. Returns false for an incomplete escape.
 bool unescapeDump(const std::string& text, std::string& plain) {
     for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] != '\\') {
@@ -271,7 +271,7 @@ bool unescapeDump(const std::string& text, std::string& plain) {
     return true;
 }
 
-// "0x616263" to "abc"; false: not of that form.
+// Converts "0x616263" to "abc". Returns false for text of another form.
 bool fromHex(const std::string& text, std::string& bytes) {
     if (text.compare(0, 2, "0x") != 0 || text.size() % 2 != 0) {
         return false;
@@ -299,10 +299,10 @@ std::string toHex(const std::string& bytes) {
     return text;
 }
 
-// The value of an attribute; false: it is gone.
-bool readAttribute(const std::string& place, const char* name, std::string& value) {
+// Returns false if the attribute cannot be read.
+bool readAttribute(const std::string& target, const char* name, std::string& value) {
     value.resize(XATTR_SIZE_MAX);
-    const ssize_t length = lgetxattr(place.c_str(), name, value.data(), value.size());
+    const ssize_t length = lgetxattr(target.c_str(), name, value.data(), value.size());
     value.resize(length < 0 ? 0 : static_cast<size_t>(length));
     return length >= 0;
 }
@@ -311,14 +311,14 @@ bool readAttribute(const std::string& place, const char* name, std::string& valu
 
 void collectAttributes(int parent, const char* name, const std::string& path,
                        Attributes& attributes) {
-    // There is no form of these calls with a directory's descriptor.
-    const std::string place = procPath(parent) + "/" + name;
+    // These calls take no directory descriptor.
+    const std::string target = procPath(parent) + "/" + name;
     char names[XATTR_LIST_MAX];
-    const ssize_t size = llistxattr(place.c_str(), names, sizeof names);
+    const ssize_t size = llistxattr(target.c_str(), names, sizeof names);
     for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
         std::string value;
         if (strcmp(names + at, "security.selinux") != 0 &&
-            readAttribute(place, names + at, value)) {
+            readAttribute(target, names + at, value)) {
             attributes[path][names + at] = value;
         }
     }

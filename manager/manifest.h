@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the sources of a generation were.
+// The files in which a generation records its sources.
 //
 // manifest.mtree has a line for each directory, file and link of the sources, in bsdtar's mtree
 // format with full paths, which begin "./" at the generation's snapshot/. Modes, owners and times
 // are those of the sources, read at the end of create; sizes, and SHA-256 digests if they were
 // asked for, are those of the snapshot's files.
 //
-// xattrs.dump has the sources' extended attributes (those of SELinux left out, which the policy
-// gives), in the format of getfattr --dump --encoding=hex; absent if there are none.
+// xattrs.dump has the sources' extended attributes in the format of getfattr --dump --encoding=hex;
+// absent if there are none. SELinux labels are left out, because the policy sets them.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ struct Recorded {
     uint32_t owner = 0;
     uint32_t group = 0;
     int64_t modified = 0;  // nanoseconds since the epoch
-    uint64_t inode = 0;    // names of one file have the same one
+    uint64_t inode = 0;    // the same for all names of one file; 0: unknown
     uint32_t names = 1;    // the link count
     uint64_t size = 0;     // files only
     std::string link;      // the text of a symbolic link
@@ -68,15 +68,15 @@ std::vector<Recorded> readManifest(int directory, const std::string& path);
 // Extended attributes by path (absolute) and name.
 using Attributes = std::map<std::string, std::map<std::string, std::string>>;
 
-// Adds the attributes of an entry, by the directory that it is in and its name there.
+// Adds the attributes of the entry `name` in the directory `parent` under the key `path`.
 void collectAttributes(int parent, const char* name, const std::string& path,
                        Attributes& attributes);
-// Writes the generation's file, if there are any attributes.
+// Writes xattrs.dump, if there are any attributes.
 void writeAttributes(int directory, const std::string& path, const Attributes& attributes);
-// Reads it; no attributes if there is none. Throws ERROR_FORMAT for a damaged one.
+// Reads xattrs.dump; a missing file has no attributes. Throws ERROR_FORMAT for a damaged one.
 Attributes readAttributes(int directory, const std::string& path);
 
-// The SHA-256 digest of a file's content, 32 bytes.
+// The SHA-256 digest of a file's content, 32 bytes. Throws ERROR_UNSUPPORTED if there is none.
 std::string digestOf(int file, uint64_t size, const std::string& path,
                      const std::function<void()>& on_progress);
 

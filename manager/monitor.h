@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The caller's callbacks, called no more often than they promise.
+// Calls the caller's callbacks, as often as the C interface promises.
 #pragma once
 
 #include <chrono>
@@ -15,9 +15,9 @@ class Monitor {
 
     // Begins a phase and reports it at once.
     void begin(f2fs_snapshot_phase phase, uint64_t files_total = 0);
-    // Counts files done in this phase; reports and asks for cancel when it is time to.
+    // Counts files done in this phase. About every tenth of a second, reports and asks for cancel.
     void step(uint64_t files = 1);
-    // Asks for cancel when it is time to, without counting. For loops that wait.
+    // The same without counting. For loops that wait.
     void poll() {
         step(0);
     }
@@ -26,12 +26,12 @@ class Monitor {
     // Throws ERROR_CANCELLED if the caller wants to end the call.
     void throwIfCancelled() const;
     void log(int32_t priority, const char* line) const;
-    // While what a failure left is removed, a cancel changes nothing any more.
+    // Cancel is not asked for any more: a removal that has begun is completed.
     void ignoreCancel() {
         cancel_ignored_ = true;
     }
 
-    // What the next report says.
+    // The contents of the next report.
     f2fs_snapshot_progress now = {};
 
   private:

@@ -9,7 +9,7 @@ namespace manager {
 
 namespace {
 
-// The library's structure together with what it points to.
+// A result that owns what it points to.
 struct OwnedResult : f2fs_snapshot_prune_result {
     struct Texts {
         std::string name;
@@ -43,8 +43,8 @@ std::unique_ptr<OwnedResult> newResult(const std::vector<Verdict>& verdicts) {
     return result;
 }
 
-// The snapshots that rules are about. A damaged one has no time to go by, and a temporary one
-// belongs to the call that made it.
+// The snapshots that the rules judge. The time of a damaged one is unknown, and a temporary one
+// belongs to its creator.
 std::vector<Dated> datedSnapshots(const Store& store) {
     std::vector<Dated> snapshots;
     for (const std::string& name : store.names()) {
@@ -62,9 +62,9 @@ std::vector<Dated> datedSnapshots(const Store& store) {
     return snapshots;
 }
 
-// Removes what no rule keeps. A snapshot that somebody verifies or restores stays for this time.
+// Removes the snapshots that no rule keeps, except those that are being verified or restored.
 void removeUnkept(const Store& store, Monitor& monitor, std::vector<Verdict>& verdicts) {
-    // The oldest first: a call that is cut short has removed what was wanted least.
+    // The oldest first: if the call is interrupted, the newest are still there.
     for (auto verdict = verdicts.rbegin(); verdict != verdicts.rend(); ++verdict) {
         if (!verdict->reasons.empty()) {
             continue;

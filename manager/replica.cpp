@@ -19,7 +19,7 @@ constexpr size_t BUFFER = size_t{1} << 18;
 constexpr size_t BLOCK = 4096;
 constexpr mode_t PERMISSIONS = 07777;
 
-// A new entry, under a name of its own until it is finished if it shall replace another.
+// A new entry. If it replaces another, it has a temporary name until it is finished.
 class NewEntry {
   public:
     explicit NewEntry(const Spot& spot)
@@ -84,8 +84,8 @@ void writeBlock(int fd, const char* data, size_t size, off64_t offset, const std
     }
 }
 
-// Holes are skipped, and so are blocks of zeros: the driver allocates blocks for a snapshot file
-// before it takes the data, holes of the source included.
+// Skips holes, and blocks of zeros as well: the library allocates a snapshot file in full, so holes
+// of its source are such blocks.
 void copyData(int from, int to, const std::string& path, const std::function<void()>& on_data) {
     std::string buffer(BUFFER, '\0');
     off64_t end = 0;
@@ -178,7 +178,8 @@ void Replica::makeFile(const Recorded& recorded, int source, const Spot& spot, i
     }
 }
 
-// Makes another name of the copy that the file's first name has got.
+// Makes a hard link to the copy of another name of the file. Returns false if there is none with
+// the same content.
 bool Replica::linkToCopy(const Recorded& recorded, int source, const Spot& spot, int top) {
     const auto first = recorded.names > 1 ? copies_.find(recorded.inode) : copies_.end();
     if (first == copies_.end()) {
@@ -232,14 +233,14 @@ void Replica::checkDigest(const Recorded& recorded, int copy) {
     }
 }
 
-// The order matters: a new owner clears set-user-ID modes and capabilities, and a mode can forbid
-// to set the rest.
+// The order matters: a new owner clears set-user-ID modes and capabilities, and the mode can forbid
+// setting the others.
 void Replica::setAttributes(const Recorded& recorded, int fd) {
     mode_t mode = recorded.mode & PERMISSIONS;
     if (fchown(fd, recorded.owner, recorded.group) != 0) {
         find(recorded.path, F2FS_SNAPSHOT_FOUND_OWNER_NOT_SET, F2FS_SNAPSHOT_UNCOVERED,
              "cannot set the owner", errno);
-        mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);  // rights of another than was meant
+        mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);  // they would be the wrong owner's rights
     }
     setExtended(recorded, procPath(fd));
     const timespec times[] = {{0, UTIME_OMIT}, modified(recorded)};
@@ -249,7 +250,7 @@ void Replica::setAttributes(const Recorded& recorded, int fd) {
     }
 }
 
-// target  a path that ends in the entry itself; a link there is not followed, except one of /proc
+// target  the path of a symbolic link, which is not followed, or else a descriptor's path in /proc
 void Replica::setExtended(const Recorded& recorded, const std::string& target) {
     const auto known = attributes_.find(recorded.path);
     if (known == attributes_.end()) {

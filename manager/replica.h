@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes files, links and directories as a manifest has them.
+// Makes files, links and directories as recorded in a manifest.
 #pragma once
 
 #include <functional>
@@ -12,11 +12,11 @@
 
 namespace manager {
 
-// The directory in which an entry is made, and how.
+// Where an entry is made.
 struct Spot {
     int directory;
     std::string name;
-    bool replace;  // an entry that has the name is replaced in one step
+    bool replace;  // an existing entry of that name is replaced in one step
 };
 
 class Replica {
@@ -25,11 +25,11 @@ class Replica {
     Replica(Attributes attributes, Report& report, std::function<void()> on_data)
         : attributes_(std::move(attributes)), report_(report), on_data_(std::move(on_data)) {}
 
-    // Copies a file. Names of one file become names of one copy again, if their contents agree.
+    // Copies a file. Hard links to one file become hard links to one copy, if their contents agree.
     // top  below which all files of this replica are made
     void makeFile(const Recorded& recorded, int source, const Spot& spot, int top);
     void makeLink(const Recorded& recorded, const Spot& spot);
-    // Sets what a directory shall have, after everything was made in it.
+    // Sets a directory's attributes, after all its entries were made.
     void finishDirectory(const Recorded& recorded, int directory);
 
     // Adds a finding about a path of the manifest.
@@ -52,7 +52,8 @@ class Replica {
     std::map<uint64_t, Copy> copies_;  // of files with several names, by the inode of the source
 };
 
-// Opens a path below a directory, following no link. An invalid descriptor: errno tells why.
+// Opens a path below a directory, following no link. On failure, the descriptor is invalid and
+// errno is set.
 UniqueFd openBelow(int top, const std::string& path, int flags);
 
 }  // namespace manager

@@ -18,7 +18,7 @@ namespace {
 
 using Components = std::vector<std::string>;
 
-// Throws ERROR_FORMAT for a path that does not lead straight down.
+// The names in a path of the manifest. Throws ERROR_FORMAT for ".", ".." and empty names.
 Components componentsOf(const std::string& path) {
     Components components;
     for (size_t begin = 1, end = 0; end != std::string::npos; begin = end + 1) {
@@ -33,7 +33,7 @@ Components componentsOf(const std::string& path) {
     return components;
 }
 
-// Which of the manifest's paths shall be restored: all, unless some are named.
+// Which of the manifest's paths are restored: all, unless the caller names some.
 class Selection {
   public:
     explicit Selection(const f2fs_snapshot_restore_options& options) {
@@ -70,7 +70,7 @@ class Selection {
     std::vector<std::pair<std::string, bool>> paths_;
 };
 
-// A descent that is told by whole paths where to go.
+// A Descent that moves from one path to the next.
 class Position {
   public:
     Position(UniqueFd top, const std::string& path) : descent_(std::move(top), path) {}
@@ -78,8 +78,8 @@ class Position {
     int fd() const {
         return descent_.fd();
     }
-    // Goes to the directory that holds the last of the names. enter(descent, name) enters one on
-    // the way; it returns false to end the way there, and so does this function then.
+    // Goes to the directory of the last name. Calls enter(descent, name) for each directory on the
+    // way down; if that returns false, stops there and returns false.
     template <typename Enter>
     bool moveTo(const Components& names, Enter enter) {
         const auto parents = names.end() - 1;
@@ -109,7 +109,7 @@ bool enterExisting(Descent& descent, const std::string& name) {
     return true;
 }
 
-// The type of a name, 0 if there is none.
+// The type of a name (of S_IFMT), 0 if it does not exist.
 uint32_t typeOf(int directory, const std::string& name, const std::string& path) {
     struct statx attributes = {};
     const int error = attributesOf(directory, name.c_str(), attributes);
@@ -123,7 +123,7 @@ UniqueFd reopened(int directory, const std::string& path) {
     return openDirectory(directory, ".", path);
 }
 
-// The paths below the directories that are known to be missing.
+// Directories that are known to be missing, and all paths below them.
 class Missing {
   public:
     void add(const std::string& directory) {
@@ -273,7 +273,7 @@ void Restore::run(const Destination& destination) {
     PartialTree partial(destination);
     restoreInto(partial.open().get(), destination.path());
     partial.publish();
-    // Not before: moving a directory needs the permission to write to it.
+    // Only now: a directory without write permission could not have been moved.
     finishDirectories(destination.fd(), destination.path(), true);
     partial.keep();
 }
@@ -357,10 +357,10 @@ void Restore::restoreFile(const Recorded& recorded, const Spot& spot) {
     replica_->makeFile(recorded, source.get(), spot, top_);
 }
 
-// tops  those that lie in the destination itself, or all others
+// tops  true: those directly in the destination; false: all others
 void Restore::finishDirectories(int top, const std::string& path, bool tops) {
     Position position(reopened(top, path), path);
-    // What lies deeper comes first: a directory's mode can forbid to enter it.
+    // The deeper ones first: a directory's mode can forbid entering it.
     for (auto each = directories_.rbegin(); each != directories_.rend(); ++each) {
         const Recorded& recorded = **each;
         const Components names = componentsOf(recorded.path);

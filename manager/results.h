@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What calls return, as C++ values, and how they become structures of the C interface.
+// The results of calls as C++ values, and their conversion to structures of the C interface.
 #pragma once
 
 #include <string>
@@ -29,7 +29,7 @@ struct Report {
     Counts counts;
 };
 
-// A generation, as info.json keeps it; the path is not kept.
+// A generation, as info.json records it, except for the path.
 struct Info {
     std::string name;
     std::string path;  // .../NAME/snapshot

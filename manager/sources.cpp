@@ -18,9 +18,9 @@ namespace manager {
 
 namespace {
 
-// The library ends the process at a mirror of 255 bytes or more.
+// The library ends the process if the mirror of a source has a path of 255 bytes or more.
 constexpr size_t MAX_MIRROR = 254;
-// Descriptors of the helper besides those of the directories that it is in.
+// Descriptors of the helper besides one for each level of the tree.
 constexpr size_t OTHER_DESCRIPTORS = 64;
 // Not in all headers that the manager is built with.
 constexpr uint64_t ATTRIBUTE_MOUNT_ROOT = 0x2000;
@@ -135,7 +135,7 @@ f2fs_snapshot_severity severityOf(f2fs_snapshot_finding_kind kind) {
 
 bool isWritable(const TreeWalk& walk) {
 #ifdef __ANDROID__
-    constexpr int EFFECTIVE = 0;  // bionic knows no flags here
+    constexpr int EFFECTIVE = 0;  // bionic takes no flags here
 #else
     constexpr int EFFECTIVE = AT_EACCESS;
 #endif

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The directories that a call snapshots: opened, held apart, and looked at.
+// The directories that a call snapshots: opening, locking and judging them.
 #pragma once
 
 #include <string>
@@ -21,18 +21,17 @@ struct Source {
 // Opens the directories. Throws ERROR_SOURCE for one that no snapshot of this store can have.
 std::vector<Source> openSources(const Store& store, const std::vector<std::string>& paths);
 
-// Locks the sources against other calls for them, for directories below them and above them.
-// Returns the descriptors that hold the locks. Throws ERROR_BUSY.
+// Locks the sources against other calls for them or for directories above or below them. Returns
+// the descriptors that hold the locks. Throws ERROR_BUSY.
 std::vector<UniqueFd> lockSources(const std::vector<Source>& sources);
 
-// Opens a source once more by its path, which leads to another directory if it was moved.
+// Opens a source again by its path. If the source was moved, this is another directory or none.
 UniqueFd reopenSource(const Source& source);
 
 // The path below which the library mirrors the sources of a snapshot in the making.
 std::string mirrorRoot(const Store& store, const std::string& name);
 
-// What the library cannot snapshot, and what no snapshot covers. Judges the entries of all sources,
-// and keeps what it finds.
+// Finds entries of the sources that the library cannot snapshot or that no snapshot covers.
 class Rules {
   public:
     // name  of the snapshot to be made
@@ -41,10 +40,10 @@ class Rules {
     // Judges the current entry of a walk over a source. Returns whether to go on below it.
     bool judge(const TreeWalk& walk);
 
-    // Adds what was found.
+    // Adds a finding.
     void add(f2fs_snapshot_finding_kind kind, const std::string& path, const std::string& why,
              int error = 0);
-    // What was found so far.
+    // The findings so far, without hard links.
     const std::vector<Finding>& findings() const {
         return findings_;
     }
@@ -61,7 +60,8 @@ class Rules {
     const size_t root_length_;
     size_t max_depth_;
     std::vector<Finding> findings_;
-    std::vector<std::pair<uint64_t, std::string>> linked_;  // inode and path of files with names
+    // Inode number and path of each file with a link count above 1.
+    std::vector<std::pair<uint64_t, std::string>> linked_;
 };
 
 // Whether the store's volume has the requests of the driver: 0, or the errno value of the first

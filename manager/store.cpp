@@ -62,7 +62,7 @@ UniqueFd openResolved(std::string& path) {
         failSystem("open the directory", path);
     }
     const std::string resolved = readLink(AT_FDCWD, procPath(fd.get()).c_str(), path);
-    // The kernel shows a directory that is gone, or out of reach, by a text that is no path.
+    // For a directory that is removed or out of reach, the kernel's text is not a path.
     struct statx here = {};
     struct statx there = {};
     if (attributesOf(fd.get(), ".", here) != 0 ||
@@ -102,7 +102,7 @@ void Store::checkAccess() const {
 }
 
 UniqueFd Store::lock(Monitor& monitor) const {
-    // An open file of its own: calls on one handle keep each other out, too.
+    // An open file of its own, so that calls on one handle exclude each other, too.
     UniqueFd fd = openDirectory(fd_.get(), ".", path_);
     lockOrFail(fd.get(), LOCK_EX, path_, "another call changes the store");
     for (const std::string& name : entries()) {
@@ -157,7 +157,7 @@ UniqueFd Store::open(const std::string& name) const {
 UniqueFd Store::openShared(const std::string& name) const {
     UniqueFd fd = open(name);
     lockOrFail(fd.get(), LOCK_SH, pathOf(name), "it is being destroyed");
-    // Destroyed between the two steps above, it has the lock to give, but no name any more.
+    // A snapshot that was destroyed between these two steps can be locked, but has lost its name.
     const UniqueFd again = open(name);
     struct statx here = {};
     struct statx there = {};
@@ -178,7 +178,7 @@ void Store::destroy(const std::string& name, Monitor& monitor) const {
     if (renameat(fd_.get(), name.c_str(), fd_.get(), removed.c_str()) != 0) {
         failSystem("rename the snapshot", pathOf(name));
     }
-    // Its name shall not come back after a power cut, over a half of its files.
+    // After a power cut, the name must not come back with only some of the files.
     if (fsync(fd_.get()) != 0) {
         failSystem("sync the store", path_);
     }

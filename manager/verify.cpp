@@ -14,7 +14,7 @@ namespace manager {
 
 namespace {
 
-// Goes through the manifest's lines and the snapshot's entries side by side.
+// Iterates over the manifest's lines and the snapshot's entries side by side.
 class Verification {
   public:
     Verification(const Store& store, const std::string& name, Monitor& monitor)

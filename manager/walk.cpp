@@ -51,14 +51,14 @@ bool TreeWalk::next() {
             readLinkText();
         }
         if (error_ == ENOENT || error_ == ENOTDIR || error_ == ELOOP || error_ == EINVAL) {
-            continue;  // something else has come to the name meanwhile
+            continue;  // it was removed or replaced meanwhile
         }
         return true;
     }
     return false;
 }
 
-// Goes into the directory that was opened last.
+// Enters the directory that was opened last.
 void TreeWalk::descend() {
     if (!opened_.valid()) {
         return;
@@ -73,7 +73,7 @@ void TreeWalk::descend() {
 }
 
 void TreeWalk::readLinkText() {
-    char text[4096];  // one more than the longest
+    char text[4096];  // one byte more than the longest text
     const ssize_t length = readlinkat(descent_.fd(), name_.c_str(), text, sizeof text);
     error_ = length < 0 ? errno : 0;
     link_text_.assign(text, static_cast<size_t>(length < 0 ? 0 : length));
@@ -85,13 +85,14 @@ void TreeWalk::readDirectory() {
     if (error_ != 0) {
         return;
     }
-    // The attributes of the descriptor: another directory can have come to the name meanwhile.
+    // The descriptor's attributes: the name may have got another directory meanwhile.
     if (is_unsettled_) {
         do {
             error_ = attributesOf(opened_.get(), ".", attributes_);
         } while (error_ == 0 && is_unsettled_(attributes_));
     }
-    // Waits for the end of a change of names that is under way, whose time can be set last.
+    // Waits for a change of names that is under way. The time may be set at its end, so it is read
+    // afterwards.
     if (error_ == 0) {
         error_ = readNames(opened_.get(), names_);
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Visits the entries of a tree in one order: a directory before what it holds, siblings by the
+// Visits the entries of a tree in a fixed order: a directory before its entries, siblings by the
 // bytes of their names.
 #pragma once
 
@@ -15,20 +15,20 @@ namespace manager {
 // Compares two paths by the order above: negative, 0 or positive.
 int comparePaths(const std::string& one, const std::string& other);
 
-// Usage: while (walk.next()) { walk.path() ... }. The first entry is the top itself. What the other
-// functions return holds until the next call of next.
+// Usage: while (walk.next()) { walk.path() ... }. The first entry is the top itself. The other
+// functions describe the current entry.
 class TreeWalk {
   public:
-    // Asked with a directory's attributes, read before its names are: whether to read them again.
-    // Without it, attributes() of a directory are read after its names.
+    // Called with a directory's attributes before its names are read. While it returns true, the
+    // attributes are read again. Without it, a directory's attributes are read after its names.
     using IsUnsettled = std::function<bool(const struct statx& attributes)>;
 
     TreeWalk(UniqueFd top, const std::string& path, IsUnsettled is_unsettled = nullptr);
 
-    // Goes on to the next entry; false: there is none. Entries that vanish, or are replaced,
-    // before they could be looked at are left out.
+    // Goes to the next entry; returns false if there is none. Entries that vanish, or are replaced,
+    // before they can be looked at are skipped.
     bool next();
-    // Leaves out what is in the current directory.
+    // Skips the entries of the current directory.
     void skip() {
         opened_.reset();
     }
@@ -61,8 +61,8 @@ class TreeWalk {
     const std::string& linkText() const {
         return link_text_;
     }
-    // Why the entry could not be looked at or, a directory, not be read (an errno value); 0: it
-    // was.
+    // An errno value if the attributes, the link text or the names in a directory could not be
+    // read, else 0.
     int error() const {
         return error_;
     }
@@ -90,7 +90,7 @@ class TreeWalk {
     int error_ = 0;
     std::string link_text_;
     UniqueFd opened_;  // the current directory, until the walk goes on into it
-    Names names_;      // what it holds
+    Names names_;      // its names
 };
 
 }  // namespace manager

@@ -3,7 +3,7 @@
 # Types command lines with tabs in them into an interactive bash and compares the arguments that
 # the programs get.
 #
-# usage: completion_test.sh FOLDER_OF_COMPLETIONS
+# usage: completion_test.sh COMPLETIONS_DIR
 set -euo pipefail
 completions=$(realpath -- "$1")
 

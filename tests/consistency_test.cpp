@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// One instant across files: a create among writers that change the sources in every way there is.
+// One instant across files: a create while writers change the sources in every way there is.
 //
-// A file's content tells its version. Of each file, a snapshot must hold the version of one
-// instant: the start of the last check pass.
+// A file's content shows its version. A snapshot must hold each file's version of one instant: the
+// start of the last check pass.
 #include <sys/mman.h>
 #include <sys/statfs.h>
 
@@ -18,7 +18,7 @@ namespace {
 
 using Version = uint64_t;
 
-constexpr size_t WORDS = 1536;  // of a file that is written: some pages, to show half a change
+constexpr size_t WORDS = 1536;  // of a file: several pages, so that half a change shows
 constexpr Version WRAP = 4096;  // where sizes start again from 0
 std::string elsewhere;          // a directory of the volume, outside of the sources
 
@@ -47,7 +47,7 @@ struct Writer {
     const char* name;
     enum { WHOLE, FIRST_WORD, SIZE } shows_version;
     bool is_optional;  // not every volume has it
-    bool may_fail;     // it fails a create that is snapshotting the file
+    bool may_fail;     // a create that is snapshotting the file fails
     bool (*change)(const std::string& path, Version version);
 };
 
@@ -66,7 +66,7 @@ const Writer WRITERS[] = {
      [](const std::string& path, Version version) {
          return truncate(path.c_str(), static_cast<off_t>(version % WRAP)) == 0;
      }},
-    // As most programs save: by a new file that takes the name.
+    // As most programs save: a new file is renamed over the old one.
     {"replace", Writer::WHOLE, false, true,
      [](const std::string& path, Version version) {
          const std::string made = elsewhere + "/new";
@@ -129,7 +129,7 @@ class ConsistencyTest : public VolumeTest {
         walks = kernel.calls == 1 ? 0 : walks;
         return call == "opendir $/source" && ++walks > 1;
     }
-    // The version that the snapshot of a file holds, one of those that are close to the latest.
+    // The version that the snapshot of a file holds. Sizes repeat: the last one up to `latest`.
     Version held(const File& file, Version latest) const {
         const std::string content = read(target + "/snapshot" + file.path);
         if (file.writer->shows_version == Writer::SIZE) {
@@ -198,7 +198,7 @@ TEST_F(ConsistencyTest, AChangeAtACall) {
     EXPECT_GT(left_out, 0U);
 }
 
-// Shared with the writers. Every change has an interval of one clock.
+// Memory shared with the writers. One clock orders the ends of changes and the check passes.
 struct Shared {
     std::atomic<Version> clock{1};
     std::atomic<bool> is_running{false};
@@ -227,8 +227,8 @@ int writeInTurn(Shared* shared, const std::vector<std::pair<size_t, std::string>
     }
 }
 
-// They write until some call of the create. Then they rest for a pass, so that the next one can
-// find nothing, and write again when that one is almost through.
+// The writers write until some call of the create. Then they rest for a pass, so that the next pass
+// can find no change. They write again when that pass is almost done.
 TEST_F(ConsistencyTest, ProcessesWriteAllTheTime) {
     auto* const shared = new (mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;

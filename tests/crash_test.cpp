@@ -13,7 +13,7 @@ class CrashTest : public VolumeTest {
         VolumeTest::SetUp();
         kernel.has_driver = false;
     }
-    // New files, of which the driver knows nothing.
+    // New files, for which the driver has no state.
     void makeSource() const {
         fs::remove_all(source);
         fs::create_directories(source + "/directory");

@@ -100,7 +100,7 @@ int last_set = -1;      // the descriptor of this process that the mark was last
 bool just_set = false;  // and no other call came since
 int depth = 0;          // of processes below the program: 1 is a check, 2 its helper
 
-// Keeps the mark over a change, when the defect is that this way goes unseen.
+// Keeps the mark over a change, if the defect is that this kind of change does not clear it.
 class Unseen {
   public:
     explicit Unseen(const std::string& way)
@@ -117,7 +117,7 @@ class Unseen {
     Unseen(const Unseen&) = delete;
     Unseen& operator=(const Unseen&) = delete;
 
-    // For a way that the emulator refuses: as if it were served.
+    // Pretends to make a kind of change that the emulator refuses.
     static bool pretend(const std::string& way) {
         if (is("unseen-" + way)) {
             const Unseen keep(way);
@@ -151,7 +151,7 @@ auto inTwoSteps(const std::string& way, int fd, Change change) {
     return result;
 }
 
-// What a file shares with its snapshot that should not.
+// Repeats the writes to one file on another, as if a snapshot and its source shared blocks wrongly.
 ino_t shared_from = 0;
 int shared_to = -1;
 void share(int fd, const void* data, size_t size, off_t offset) {
@@ -329,7 +329,7 @@ int descriptorIn(unsigned long number, const void* argument) {
     return has ? *static_cast<const int32_t*>(argument) : -2;
 }
 
-// True when the defect decides the request before it is looked at. `result` is then its result.
+// True if the defect alone answers the request. `result` is then its result.
 bool isDecided(int fd, unsigned long& number, void* argument, int& result) {
     const bool is_file = S_ISREG(statOf(fd).st_mode);
     const bool is_memory = isReadable(argument, _IOC_SIZE(number));
@@ -592,7 +592,7 @@ int fallocate(int fd, int mode, off_t offset, off_t length) {
     return real(fd, mode, offset, length);
 }
 
-// The emulator refuses shared mappings. One of the backing file goes unseen by it.
+// The emulator refuses shared mappings. Maps the backing file, whose stores it does not see.
 void* mmap(void* start, size_t size, int protection, int flags, int fd, off_t offset) {
     REAL(mmap);
     const bool is_asked = fd >= 0 && (flags & MAP_SHARED) != 0 && (protection & PROT_WRITE) != 0 &&

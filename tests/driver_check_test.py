@@ -44,8 +44,8 @@ another-process truncating-open truncate-down truncate-up truncate-path fallocat
 zero-range collapse-range insert-range clone-file snapshot-create reflink move-range-into
 move-range-out atomic-write atomic-abort secure-trim""".split()
 
-# Each defect, the check that must find it, and the checks that fail too, for this reason: they
-# build on what the defect breaks.
+# Each defect, the check that must find it, and the checks that may fail too, because they build on
+# what the defect breaks.
 DEFECTS = [
     *((f"no-{name.split('.')[1]}", name, "") for name in sorted(REQUESTS)),
     ("reads-beyond-record", "presence.record-bounds", ""),
@@ -186,7 +186,7 @@ class Healthy(OnVolume):
     def test_all_holds(self):
         self.judge(run(["--json"], self.volume.path))
 
-    @unittest.skipIf(os.geteuid() != 0, "needs root to become somebody else")
+    @unittest.skipIf(os.geteuid() != 0, "needs root to become another user")
     def test_all_holds_for_an_ordinary_user(self):
         own = shutil.copy(PROGRAM, self.volume.root)  # the build directory may be root's alone
         command = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", own, "--json"]
@@ -362,7 +362,7 @@ class Elsewhere(unittest.TestCase):
 
 
 class Contract(unittest.TestCase):
-    """Every must of the page has a check, and every check stands in the section that it names."""
+    """Every "must" of the page has a check, and every check is named in the section of its clause."""
 
     def setUp(self):
         page = (SOURCE / "docs/kernel-interface.md").read_text()

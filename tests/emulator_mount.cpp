@@ -50,7 +50,7 @@ int EmulatorMount::stop(int signal) {
 }
 
 std::string EmulatorMount::errors() const {
-    // That line comes at each start where the temporary directory's file system cannot do better.
+    // The emulator writes this line at each start where the file system cannot share blocks.
     return runProcess({"grep", "-v", "cannot share blocks, so snapshots are plain copies$",
                        root_ / "errors"})
         .out;
@@ -60,7 +60,7 @@ void EmulatedVolume::SetUp() {
     if (*F2FS_EMULATOR_PATH == '\0') {
         GTEST_SKIP() << "this build has no emulator, and F2FS_SNAPSHOT_TEST_VOLUME names no volume";
     }
-    // Without the emulator, so that its own failure to mount is a failure of the test.
+    // Tried without the emulator, so that its own failure to mount fails the test.
     static const Outcome trial = runProcess({"sh", "-c", R"(
         [ -w /dev/fuse ] || { ls -l /dev/fuse >&2; exit 1; }
         [ $(id -u) != 0 ] || exec unshare --mount mount -t tmpfs none /tmp

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Volumes for tests: one of the driver emulator, mounted below a temporary directory and gone with
-// the object whatever became of the test, or the given one.
+// Volumes for tests: the given one, or one of the driver emulator, mounted below a temporary
+// directory. The mount ends with the object, and also if the test dies.
 #pragma once
 
 #include "tests/helpers.h"
@@ -13,8 +13,8 @@ class EmulatorMount {
     EmulatorMount(const EmulatorMount&) = delete;
     EmulatorMount& operator=(const EmulatorMount&) = delete;
 
-    // Starts the daemon, in the foreground, and waits until it serves. False: it does not; errors()
-    // tells why.
+    // Starts the daemon, in the foreground, and waits until it serves. Returns false if it does
+    // not; errors() says why.
     bool start();
     // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status or 128
     // + the signal that killed it; 0 when there is none. SIGKILL frees the mount point as well.
@@ -75,7 +75,7 @@ class VolumeTest : public EmulatedVolume {
     // keeps its log.
     int run(const std::string& command);
     void expectDestroy();
-    // Where the source's snapshot is.
+    // The path of the source's snapshot.
     std::string mirror() const {
         return target + "/snapshot" + source;
     }

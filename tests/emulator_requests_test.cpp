@@ -56,7 +56,7 @@ FALLIBLE(ssize_t, copy_file_range,
          (int in, off_t* from, int out, off_t* to, size_t size, unsigned flags),
          (in, from, out, to, std::min<size_t>(size, 4), flags))
 
-// FICLONE as a file system does it: what the destination has behind the source's end stays.
+// FICLONE as file systems do it: data of the destination beyond the source's end stay.
 extern "C" int __wrap_ioctl(int fd, unsigned long number, int source) {
     char data[64];
     const ssize_t size = pread(source, data, sizeof data, 0);
@@ -170,7 +170,7 @@ class EmulatorRequests : public TestTree {
 };
 
 // A request on "file", and the data and state that its success leaves. Number 0 stands for any
-// other change, of which only the loss of the mark takes place.
+// other change, of which only clearing the mark is done.
 const struct {
     unsigned int number;
     int64_t first;
@@ -263,7 +263,7 @@ TEST_F(EmulatorRequests, ARecordOfAnotherSizeOrVersionCountsAsNone) {
     }
 }
 
-// A thread exchanges a descriptor between a file that may be read and one that may not.
+// A thread switches a descriptor between a file that may be read and one that may not.
 TEST_F(EmulatorRequests, AnExchangedDescriptorGivesNoAccess) {
     write("own", "own");
     const UniqueFd own(open("own", O_RDONLY | O_CLOEXEC));

@@ -59,7 +59,7 @@ int check(const char* path, uint32_t mode) {
 }
 
 // A file's content, its flag word, and whether it is deduplicated and layered.
-std::string tellOf(const char* path) {
+std::string stateOf(const char* path) {
     dedup_file_info info = {};
     EXPECT_EQ(ioctl(openAt(path).get(), F2FS_IOC_DEDUP_GET_FILE_INFO, &info), 0);
     return read(path) + " " + std::to_string(check(path, MODIFY_CHECK_GET)) + " " +
@@ -111,7 +111,7 @@ constexpr const char* BEHAVIOURS[] = {
          touch -hd @12345 l; stat -c '%x %y' f l; stat -fc %b .; setfattr -n user.a -v 1 f
          setfattr -n user.b -v 2 f; getfattr -dm- f; setfattr -x user.b f; setfattr -x user.b f
          getfattr -n user.b f; getfattr -dm- f)sh",
-    // New files belong to who makes them; a set-group-ID directory passes its group on.
+    // New files belong to their maker; a set-group-ID directory passes its group on.
     R"sh(mkdir s; chown 0:4321 s; chmod 2777 s .
          for d in . s; do setpriv --reuid=1000 --regid=2000 --clear-groups sh -c \
              "mkdir $d/d; ln -s x $d/l; mkfifo $d/p; touch $d/f; chown 0 $d/f"; done)sh",
@@ -142,7 +142,7 @@ TEST_F(EmulatorTest, BehavesAsAPlainDirectory) {
     }
 }
 
-// A mount that goes with the object.
+// A bind mount. The destructor unmounts it.
 struct Mount {
     Mount(const fs::path& from, const fs::path& at) : point(fs::absolute(at)) {
         EXPECT_EQ(mount(from.c_str(), point.c_str(), "", MS_BIND, nullptr), 0) << errno;
@@ -204,7 +204,7 @@ TEST_F(EmulatorTest, DoesWhatNoCommandAsksFor) {
         GTEST_SKIP() << "only root can be another user for a while";
     }
     chmod(volume.root().c_str(), 0755);
-    // Unnamed files belong to who makes them, too.
+    // Unnamed files belong to their maker, too.
     ASSERT_TRUE(chmod(".", 0777) == 0 && setegid(2000) == 0 && seteuid(1000) == 0);
     EXPECT_EQ(linkUnnamed("named"), 0);
     ASSERT_TRUE(seteuid(0) == 0 && setegid(0) == 0);
@@ -235,7 +235,7 @@ TEST_F(EmulatorTest, DoesWhatNoCommandAsksFor) {
     EXPECT_TRUE(fchmod(holes.get(), 0600) == -1 && errno == ESTALE);
 }
 
-TEST_F(EmulatorTest, KnowsManyFilesWithoutDescriptorsAndListsThemWhileTheyGo) {
+TEST_F(EmulatorTest, KnowsManyFilesWithoutDescriptorsAndListsThemDuringRemoval) {
     const std::string proc = "/proc/" + std::to_string(volume.pid());
     const std::string count = "ls " + proc + "/fd | wc -l";
     const std::string kilobytes = "awk '/VmRSS/ { print $2 }' " + proc + "/status";
@@ -321,12 +321,12 @@ TEST_F(EmulatorTest, ChangesOfDataClearTheMarkAndNothingElseDoes) {
     // where the backing file system has that: an open descriptor still writes, but no attribute
     // changes.
     ASSERT_EQ(check("file", MODIFY_CHECK_SET), 0x82);
-    const std::string told = tellOf("file");
+    const std::string before = stateOf("file");
     if (shell("chattr +a ../backing/file").empty()) {
         for (const auto& row : CHANGES) {
             EXPECT_TRUE(row.first == 0x82 || row.second(fd.get()) < 0) << &row - CHANGES;
         }
-        EXPECT_EQ(tellOf("file") + shell("chattr -a ../backing/file"), told);
+        EXPECT_EQ(stateOf("file") + shell("chattr -a ../backing/file"), before);
     }
 }
 
@@ -373,14 +373,14 @@ TEST_F(EmulatorTest, AnOrdinaryUserServesAVolumeOfTheirOwn) {
               "execute sucess\n65534:65533:440:5\n65534:65533:644:10\n");
 }
 
-TEST_F(EmulatorTest, APreparedFileIsSnapshotAndIndependentAfterwards) {
+TEST_F(EmulatorTest, ASnapshotOfAPreparedFileIsIndependent) {
     makeFiles();
     write("target", std::string(10000, 'l'));
     const UniqueFd target = openAt("target", O_RDWR | O_APPEND);
-    // With a hole before its last byte and one behind it.
+    // With a hole before its last byte and one after it.
     shell("truncate -s 5G source; printf x >>source; truncate -s 10G source; stat target");
     ASSERT_GE(snapshot(target.get(), "source"), 0) << errno;
-    // At once, not when a cache runs out.
+    // At once, not when a cache expires.
     EXPECT_EQ(shell("test $(stat -c %b target) -lt 100 && stat -c %s target;"
                     "tail -c +5368709121 target 2>/dev/null | head -c 1"),
               "10737418240\nx");
@@ -388,8 +388,8 @@ TEST_F(EmulatorTest, APreparedFileIsSnapshotAndIndependentAfterwards) {
     ASSERT_GE(snapshot(target.get(), "source"), 0) << errno;
     EXPECT_EQ(::write(target.get(), "+", 1), 1);  // to the end, which the kernel does not know yet
     write("source", "other");
-    EXPECT_EQ(tellOf("target"), "source+ 0 1 0");
-    EXPECT_EQ(tellOf("source"), "other 128 0 1");
+    EXPECT_EQ(stateOf("target"), "source+ 0 1 0");
+    EXPECT_EQ(stateOf("source"), "other 128 0 1");
 }
 
 constexpr char TRY_ATTRIBUTE[] =
@@ -407,7 +407,7 @@ TEST_F(EmulatorTest, StateIsHiddenAndSurvivesHoweverTheDaemonEnds) {
         const UniqueFd busy = openAt("file", O_RDWR);
         restart(end);
         EXPECT_EQ(shell(TRY_ATTRIBUTE), HIDDEN);
-        EXPECT_EQ(tellOf("source"), "source data 130 0 1");
+        EXPECT_EQ(stateOf("source"), "source data 130 0 1");
     }
     signal(SIGINT, SIG_DFL);
     fs::current_path(volume.root());
@@ -415,11 +415,11 @@ TEST_F(EmulatorTest, StateIsHiddenAndSurvivesHoweverTheDaemonEnds) {
     EXPECT_EQ(volume.stop(0), 0);
     // In the background.
     EXPECT_EQ(runProcess({F2FS_EMULATOR_PATH, "backing", "mount"}).status, 0);
-    EXPECT_EQ(tellOf("mount/source"), "source data 130 0 1");
+    EXPECT_EQ(stateOf("mount/source"), "source data 130 0 1");
     EXPECT_EQ(shell("fusermount3 -u mount"), "");
 }
 
-TEST_F(EmulatorTest, SaysWhatIsWrongInOneLine) {
+TEST_F(EmulatorTest, ReportsAnErrorInOneLine) {
     fs::current_path(volume.root());
     fs::create_directories("other/inside");
     write("file", "");

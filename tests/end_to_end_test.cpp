@@ -64,7 +64,7 @@ constexpr char COUNT_CALLS[] = R"(
     awk '$1 + 0 >= 120 && $2 != "total" { sub(/.*stat.*/, "stat", $2); print int($1 / 120), $2 }' \
         calls | sort -k 2)";
 
-TEST_F(EndToEndTest, NoCallMoreThanNamed) {
+TEST_F(EndToEndTest, NoCallsButTheDocumentedOnes) {
 #ifdef F2FS_SNAPSHOT_SANITIZED
     GTEST_SKIP() << "a sanitizer makes calls of its own";
 #endif
@@ -76,7 +76,8 @@ TEST_F(EndToEndTest, NoCallMoreThanNamed) {
     for (int i = 0; i < 120; ++i) {
         write(source + "/" + std::to_string(i), "x");
     }
-    // One after the other. Of the create, prepared already: 3 calls, the snapshot: 9, the check: 4.
+    // Run in this order. The create makes 3 calls to find a file prepared, 9 for its snapshot and 4
+    // for its check.
     const std::pair<std::string, const char*> table[] = {
         {"pre " + source, "2 close\n4 ioctl\n2 openat\n"},
         {"pre " + source, "1 close\n1 ioctl\n1 openat\n"},

@@ -79,7 +79,8 @@ class EngineTest : public TestTree {
         EXPECT_EQ(kernel->openDescriptors(), 0U) << kernel->text();
         return ret;
     }
-    // The lines of the last trace that begin so. "|" stands for the newline that ends a log text.
+    // The lines of the last trace that begin with one of these. "|" stands for the newline that
+    // ends a log text.
     std::string lines(const std::vector<std::string>& beginnings = {""}) const {
         return replaced(kernel->text(beginnings), "\\n\n", "|\n");
     }
@@ -106,7 +107,7 @@ class EngineTest : public TestTree {
         }
         return text;
     }
-    // Writes to s/a, s/n and m/z before so many snapshots are made.
+    // Writes to s/a, s/n and m/z before each of the first `snapshots` snapshots.
     void outdate(int snapshots) {
         kernel->before = [=](const std::string& call) mutable {
             if (call.rfind("SNAPSHOT_CREATE", 0) == 0 && snapshots > 0) {
@@ -137,7 +138,7 @@ struct Case {
     int32_t result;
     const char* steps;
     const char* lines;  // separated by "; ": those of failures and of a success; without steps, all
-    int writes = 0;     // so many snapshots are out of date at once
+    int writes = 0;     // for outdate()
     std::map<std::string, unsigned char> types = {};
     std::optional<uint32_t> word = {};  // the call succeeds, with this in its record
 };
@@ -273,12 +274,12 @@ const Case CASES[] = {
      "E [$/m/a] F2FS_IOC_MODIFY_CHECK failed ret = @|; "},
     {snapshotFile, TREE, "SNAPSHOT_CREATE", 0, ANY, GIVEN, "", CREATE_FAILED},
 
-    // Each walk stops at other results: of an entry's own, or of a directory below.
+    // The walks differ in the results that stop them: of an entry, or of a directory below.
     {prepare, TREE, "DEDUP", 0, ONE, -1, "/s +a ", GET_FAILED PREPARE_FAILED},
     {prepare, TREE, "DEDUP", 0, {5}, 5, "/s +a ", GET_FAILED},
     {prepare, TREE, "DEDUP", 1, ONE, -1, "/s +a /b +x ", GET_FAILED PREPARE_FAILED},
     {prepare, TREE, "DEDUP", 1, {5}, 0, "/s +a /b +x +c ", GET_FAILED},
-    // A positive source does not stop the list, and counts only when it is the last.
+    // A positive result of a source does not stop the list, and is returned only for the last one.
     {prepareTwo, TREE, "DEDUP", 0, {5}, 0, "/s +a /m ", GET_FAILED},
     {mirror, TREE, "SNAPSHOT_CREATE", 1, ANY, GIVEN, "/s +a *b /b +x ", CREATE_FAILED},
     {mirror, TREE, "DEDUP", 1, ANY, GIVEN, "/s +a *b /b +x ", GET_FAILED},
@@ -301,7 +302,7 @@ const Case CASES[] = {
     {destroy, OLD, "", 0, {0}, -1, "/snapshot -a /b -y ~b ~snapshot ",
      "E INVALID file_type = 1 found and continue|; ", 0, {{"x", DT_FIFO}}},
 
-    // A check lists the files without a snapshot, without a mark, and those that it cannot ask.
+    // A check lists the files without a snapshot, without a mark, and those that it cannot query.
     {check, CHECKED, "MODIFY_CHECK", 0, {0}, 0, nullptr,
      "opendir $/s; I ready to check modify flag for sourcefilefullpath = $/s/a "
      "dstsnapshotfilepath = $/m$/s/a|; open $/s/a O_RDONLY; MODIFY_CHECK $/s/a {0, 0x8}; "
@@ -327,7 +328,7 @@ const Case CASES[] = {
     {[] { return CreateDirSnapshot({"s"}, "d/"); }, "s/a=", "", 0, {0}, 0,
      "*snapshot *snapshots /s +a /s ?a ", NOT_MODIFIED},
 
-    // A create that fails removes the root, but for a mirror directory that it cannot make.
+    // A failed create removes the root, unless it could not make a mirror directory.
     {create, "", "mkdir $/d/snapshot ", 0, ANY, GIVEN, "*snapshot ",
      "E final Failed to mkdir $/d/snapshot ret = @|; "
      "E dstpath [$/d/snapshot] not exist and mkdirsLoop fail ret = @ and return|; "},
@@ -393,7 +394,7 @@ TEST_F(EngineTest, Cases) {
     }
 }
 
-TEST_F(EngineTest, SnapshotsHoldWhatTheirSourceHolds) {
+TEST_F(EngineTest, SnapshotsHoldTheDataOfTheirSources) {
     const struct {
         uintmax_t size;
         const char* fallocate;
@@ -423,7 +424,7 @@ TEST_F(EngineTest, SnapshotsHoldWhatTheirSourceHolds) {
 }
 
 // Each open returns 0 in turn.
-TEST_F(EngineTest, DescriptorZeroIsADescriptor) {
+TEST_F(EngineTest, DescriptorZeroIsValid) {
     restart("s/a=data s/b/x=");
     ASSERT_EQ(run(create), 0);
     const std::string expected = lines();

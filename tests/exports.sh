@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Compares the dynamic symbols that the library defines with the list below, whole.
+# Compares the dynamic symbols that the library defines with the list below: they must be the same.
 #
 # usage: exports.sh LIBRARY [jni]     jni: built with the Java bridge
 set -euo pipefail

@@ -46,15 +46,15 @@ class FakeKernel {
         int error = EIO;
         std::optional<uint32_t> word;  // stored as the first word of a request's record
     };
-    // Scripts one answer: the call whose trace line begins so, after `skip` others like it, returns
-    // the result and is not executed.
+    // Scripts one answer: the call whose trace line begins with `call`, after `skip` matches,
+    // returns `given` and is not executed.
     void answer(const std::string& call, Answer given, int skip = 0);
 
     // Entry types that the directory stream reports instead of the true ones, by name.
     std::map<std::string, unsigned char> types;
     // False: requests go to the driver of the volume that root is on.
     bool has_driver = true;
-    // Whether the tree /data/media is the one below root.
+    // True: paths in /data/media lead to the same paths below root.
     bool has_media = false;
     // Called before each call with its trace line. It may change files as a concurrent writer
     // would.
@@ -73,7 +73,7 @@ class FakeKernel {
     std::vector<std::string> trace;
     size_t calls = 0;   // of the last run; log lines do not count
     size_t faults = 0;  // calls that a fault has failed
-    // The trace's lines with one of the beginnings; without any, all of them.
+    // The trace's lines that begin with one of these; by default, all of them.
     std::string text(const std::vector<std::string>& beginnings = {""}) const;
     // What the library opened and has not closed.
     size_t openDescriptors() const {
@@ -99,7 +99,7 @@ class FakeKernel {
 
   private:
     struct File {
-        int kept_fd = -1;  // keeps the inode number from being used again
+        int kept_fd = -1;  // keeps the inode number from being reused
         int16_t is_layered = 0;
         uint32_t flag = 0;
         std::string marked_content;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Something goes wrong at every call: each system call of prepare, create, destroy and of the
-// cleanup in a failed create fails in its turn, once or from then on, or finds that somebody has
-// changed the directories. The result is always a promised one, nothing stays open, the disk is
-// left as promised, and the next destroy and create succeed.
+// cleanup in a failed create fails in its turn, once or from then on, or the directories are
+// changed before it. The result must be a promised one, nothing stays open, the disk is left as
+// promised, and the next destroy and create succeed.
 //
 // The short form gives each call one of the errnos and one of the disturbances, the long one each.
 #include "snapshot/snapshot.h"
@@ -81,7 +81,7 @@ class FaultSweep : public TestTree, public testing::WithParamInterface<Scenario>
         }
     }
 
-    // Runs the operation with the event at its nth call. False: it has fewer calls.
+    // Runs the operation with the event at its nth call. Returns false if it has fewer calls.
     bool run(size_t nth, size_t variant) {
         reset();
         before = dump("s");

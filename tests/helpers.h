@@ -44,7 +44,7 @@ inline std::string read(const fs::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Where a path does not exist: -1.
+// -1 if the path does not exist.
 inline int modeOf(const fs::path& path) {
     struct stat path_stat = {};
     return lstat(path.c_str(), &path_stat) == 0 ? static_cast<int>(path_stat.st_mode & 07777) : -1;
@@ -107,7 +107,7 @@ class TestTree : public testing::Test {
         return root.string() + "/" + path;
     }
 
-    // In memory if possible: thousands of trees, none of them worth a disk.
+    // In memory if possible, because thousands of trees are made.
     const fs::path root =
         makeDirectory(givenVolume() != nullptr        ? givenVolume()
                       : access("/dev/shm", W_OK) == 0 ? "/dev/shm"
@@ -151,7 +151,7 @@ inline int endChild(pid_t child, int signal = 0) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Becomes a program that writes to these descriptors. Returns only when there is none.
+// Becomes a program that writes to these descriptors. Returns only if it cannot be executed.
 inline int execute(const std::vector<std::string>& arguments, int out, int err) {
     std::vector<char*> argv(arguments.size() + 1);  // the last one stays nullptr
     std::transform(arguments.begin(), arguments.end(), argv.begin(),

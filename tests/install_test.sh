@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs a build into a temporary directory, looks at what is there, uses it as an outsider would, and
-# uninstalls it again.
+# Installs a build into a temporary directory, examines the files, uses them from outside the project,
+# and uninstalls them again.
 #
 # usage: BUILD_TYPE=... CXX=... CXXFLAGS=... install_test.sh SOURCE_DIR BUILD_DIR
 set -euxo pipefail # every command is shown, since most say nothing when they fail
@@ -19,8 +19,8 @@ cleanup() {
 trap cleanup EXIT
 [[ ! -e $manifest ]] || cp -p "$manifest" "$work/manifest" # of the user's own installation
 
-# Hardened as far as the build type allows, with no path of the building machine, and with no run path but
-# those from the program's own place and to Debian's liblog.
+# A program must be hardened as far as the build type allows, and contain no path of the building machine.
+# Its run paths must be relative to itself, or lead to Debian's liblog.
 look_at() {
     local program=$1
     readelf -W -h -l -d --dyn-syms "$program" >"$work/readelf"
@@ -38,11 +38,11 @@ look_at() {
 
 cmake --install "$build" --prefix "$prefix" >"$work/said"
 grep "The loader does not search $prefix/lib" "$work/said"
-if unshare --mount true; then # as root: what the loader searches is told apart, on a /usr/local of its own
+if unshare --mount true; then # as root: the hint for a directory that the loader does search
     unshare --mount bash -ec "mount -t tmpfs none /usr/local
         cmake --install ${build@Q} --prefix /usr/local" >"$work/said"
     grep 'Run ldconfig as root, so that programs find the libraries in /usr/local/lib' "$work/said"
-    cmake --install "$build" --prefix "$prefix" >"$work/said" # whose list of files is the last again
+    cmake --install "$build" --prefix "$prefix" >"$work/said" # for the uninstallation below
 fi
 "$source/tests/use_installed.sh" "$prefix"
 "$source/tests/sbom_test.py" "$prefix"

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Memory for the C++ allocations of a test that end after a given number.
+// Makes the C++ allocations of a test fail after a given number.
 #include <stdlib.h>
 
 #include <new>
 
 thread_local long allocations_left = -1;  // -1: no limit
 
-// Not inlined: compilers take the malloc in it for a mismatch.
+// Not inlined: compilers would warn of a malloc that delete frees.
 [[gnu::noinline]] void* operator new(size_t size) {
     void* const memory = allocations_left == 0 ? nullptr : malloc(size);
     if (memory == nullptr) {

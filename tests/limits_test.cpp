@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where the promises end: each limit made to happen at an exact call, among the cases next to it
-// that the promise of one instant covers. On a given volume, its driver serves the requests.
+// The limits of the promises: each is made to happen at an exact call. Beside them are the closest
+// cases that the promise of one instant covers. On a given volume, its driver serves the requests.
 #include <sched.h>
 #include <sys/mount.h>
 
@@ -37,7 +37,7 @@ class LimitsTest : public TestTree {
         kernel->has_driver = givenVolume() == nullptr;
         act(script);
     }
-    // Executes a script: in the shell, but for words that call the library.
+    // Executes a script in the shell, except prepare, create and unreadable, which are done here.
     void act(const std::string& script) {
         std::istringstream steps(script);
         for (std::string step; std::getline(steps >> std::ws, step, ';');) {
@@ -54,7 +54,7 @@ class LimitsTest : public TestTree {
             }
         }
     }
-    // Acts before the nth of a call to come.
+    // Executes a script before the nth occurrence of a call.
     void actAt(const std::string& call, int nth, const std::string& script) {
         acted = 0;
         kernel->before = [=](const std::string& line) mutable {
@@ -91,33 +91,31 @@ constexpr char NEW_A[] = "a:new b:old link->old m/ m/c:old z:old ";
 const Limit LIMITS[] = {
     {"covered: a write", "", "printf new >s/a", NEW_A},
     {"covered: a new file", "", "printf new >s/n", "a:old b:old link->old m/ m/c:old n:new z:old "},
-    {"covered: a new file in the place of another", "", "mv -T o/new s/a", NEW_A},
+    {"covered: a new file replaces another", "", "mv -T o/new s/a", NEW_A},
     {"covered: a marked file under a new name", "", "mv -T o/marked s/n",
      "a:old b:old link->old m/ m/c:old n:else z:old "},
     {"covered: a prepare meanwhile, of a prepared file", "", "printf new >s/a; prepare s", NEW_A},
-    {"covered: what comes before a directory that a pass cannot read", "",
+    {"covered: files before a directory that a pass cannot read", "",
      "unreadable s/m; printf new >s/a", NEW_A},
 
     {"a deleted file keeps its snapshot", "", "rm s/a", OLD},
     {"a new directory is missed while it holds no file", "", "mkdir -p s/n/n", OLD},
     {"a new directory with a file ends the create", "", "mkdir s/n; printf new >s/n/f", ""},
     {"new and changed links are missed", "", "rm s/link; ln -s new s/link; ln -s new s/n", OLD},
-    {"a file that this create has marked, in the place of another", "printf new >s/b",
-     "mv -T s/b s/a", "a:old b:new link->old m/ m/c:old z:old "},
-    {"so that a rotated log is lost", "printf new >s/b", "mv -T s/b s/a; printf empty >s/b",
-     "a:old b:empty link->old m/ m/c:old z:old "},
-    {"a file that it is just marking", "", "printf new >s/b; mv -T s/b s/a",
-     "a:old b:new link->old m/ m/c:old z:old ",
+    {"a file that this create has marked replaces another", "printf new >s/b", "mv -T s/b s/a",
+     "a:old b:new link->old m/ m/c:old z:old "},
+    {"the same by a rotation: the old log is lost", "printf new >s/b",
+     "mv -T s/b s/a; printf empty >s/b", "a:old b:empty link->old m/ m/c:old z:old "},
+    {"a file that this create is about to mark replaces another", "",
+     "printf new >s/b; mv -T s/b s/a", "a:old b:new link->old m/ m/c:old z:old ",
      "open $/d/snapshot$/s/b O_RDWR|O_CREAT|O_TRUNC 0440", 1},
-    {"a file that an earlier prepare has marked", "", "mv -T o/marked s/a", OLD},
-    {"a directory of marked files in the place of another", "", "mv -T s/m o/n; mv -T o/m s/m",
-     OLD},
-    {"a new file in the place of another, and a prepare", "", "mv -T o/new s/a; prepare s", OLD},
+    {"a file that an earlier prepare has marked replaces another", "", "mv -T o/marked s/a", OLD},
+    {"a directory of marked files replaces another", "", "mv -T s/m o/n; mv -T o/m s/m", OLD},
+    {"a new file replaces another, and a prepare", "", "mv -T o/new s/a; prepare s", OLD},
     {"a write, and another create's snapshot", "", "printf new >s/a; create o", OLD},
     {"two names of one file, written to between their snapshots", "ln s/a s/h", "printf new >s/a",
      "a:old b:old h:new link->old m/ m/c:old z:old ", "open $/s/h O_RDWR", 1},
-    {"what comes after a directory that a pass cannot read", "", "unreadable s/m; printf new >s/z",
-     OLD},
+    {"files after a directory that a pass cannot read", "", "unreadable s/m; printf new >s/z", OLD},
 };
 
 TEST_F(LimitsTest, OfOneInstant) {
@@ -134,8 +132,8 @@ TEST_F(LimitsTest, OfOneInstant) {
     }
 }
 
-// Harm by somebody who may rename in the source or the target while the tool walks there: at the
-// worst call a link takes the place of a file or a directory.
+// Harm by a user who may rename in the source or the target while the tool walks there: before the
+// worst call, a link replaces a file or a directory.
 struct Swap {
     bool creates;
     const char* call;
@@ -192,7 +190,7 @@ TEST_F(SwapTest, LinksAreFollowed) {
     expectHarm(true);
 }
 
-TEST_F(SwapTest, AMountWithNosymfollowClosesIt) {
+TEST_F(SwapTest, AMountWithNosymfollowPreventsHarm) {
     constexpr unsigned long NOSYMFOLLOW = 256;
     if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount(root.c_str(), root.c_str(), "", MS_BIND, nullptr) != 0) {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Memory exhaustion: a client that catches std::bad_alloc must not go on with a call of the library
-// cut short.
+// Memory exhaustion: no client can catch std::bad_alloc from an incomplete call of the library.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

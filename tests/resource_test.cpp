@@ -8,12 +8,12 @@
 
 namespace {
 
-constexpr int FIRST_FREE = 3;  // behind the standard streams
+constexpr int FIRST_FREE = 3;  // after the standard streams
 constexpr int BROKEN = 100;    // in place of a result
 
 using Operation = std::function<int32_t()>;
 
-// Runs an operation in a process of its own, once that is restricted. BROKEN: it could not be, or a
+// Runs restrict() and then an operation in a process of its own. BROKEN: restrict() failed, or a
 // descriptor was left open.
 int32_t runRestricted(const std::function<bool()>& restrict, const Operation& operation) {
     const int status = endChild(startChild([&] {
@@ -96,7 +96,8 @@ TEST_F(ResourceTest, PermissionsOfAnOrdinaryUser) {
         SCOPED_TRACE(row.path + " " + std::to_string(row.mode));
         makeSource(2);
         fs::create_directory(target);
-        runProcess({"chown", "-R", "65534:65534", top});  // fails without root, who is not needed
+        runProcess(
+            {"chown", "-R", "65534:65534", top});  // without root it fails, and is not needed
         ASSERT_TRUE(!row.has_snapshot || asUser(create) == 0);
         const Dump before = dump(source);
         ASSERT_EQ(chmod(row.path.c_str(), row.mode), 0);

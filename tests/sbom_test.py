@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds the SPDX document of an installation against the SPDX 2.3 specification and the installed files.
+"""Checks the SPDX document of an installation against the SPDX 2.3 standard and the installed files.
 
 usage: sbom_test.py PREFIX"""
 import hashlib
@@ -41,7 +41,7 @@ def check_structure(document):
 
 
 def check_package(document, package, root):
-    """The files of a package, and what it says about all of them together, as they are on the disk."""
+    """Compares a package's files, and its summary of them, with the disk. Returns the files by name."""
     contained = {relationship["relatedSpdxElement"] for relationship in document["relationships"]
                  if relationship["relationshipType"] == "CONTAINS"
                  and relationship["spdxElementId"] == package["SPDXID"]}

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# The tool's standard streams: missing ones cost no data, and a lost verdict is no success.
+# The tool's standard streams: closed ones cost no data, and a verdict that cannot be written is a failure.
 #
 # usage: streams_test.sh TOOL
 set -euo pipefail

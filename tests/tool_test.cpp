@@ -78,7 +78,7 @@ TEST_F(ToolTest, EndsWithAVerdictAndItsStatus) {
 
 // The library's main, in this process, on a fake kernel.
 TEST_F(TestCaseTest, EndsWithItsFirstFailure) {
-    // The library's comes next after this program's own.
+    // The library's main comes next after this program's own.
     const auto tool_main = reinterpret_cast<int (*)(int, char**)>(dlsym(RTLD_NEXT, "main"));
     ASSERT_NE(tool_main, nullptr) << dlerror();
     const std::string media = "/data/media/0/";
@@ -139,7 +139,7 @@ TEST_F(PathsTest, SplittingDropsEmptyPiecesAndKeepsEverythingElse) {
     EXPECT_EQ(list, (Words{"/a;/b;/c", "/a", "/b", "/c"}));
 }
 
-TEST_F(PathsTest, PathsWithAStepUpInsideAreRejected) {
+TEST_F(PathsTest, PathsWithDotDotInsideAreRejected) {
     FakeKernel kernel(root);
     for (const char* path : {"", "../a", "/data/x/..", "/..", "/data/..x/y", "/data/x../y"}) {
         EXPECT_TRUE(kernel.run([&] { return checkPathRegulate(path); })) << path;

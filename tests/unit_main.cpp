@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library exports a main of its own, so that a test program must not look for one.
+// A test program defines its own main, because the library exports one.
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv) {

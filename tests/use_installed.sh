@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Uses what is installed below a prefix as an outsider would: its programs, and its library by CMake and
-# by pkg-config.
+# Uses an installation below a prefix from outside the project: its programs, and its libraries by CMake
+# and by pkg-config.
 #
 # usage: [CXX=...] [CXXFLAGS=...] use_installed.sh PREFIX
 set -euxo pipefail # every command is shown, since most say nothing when they fail
@@ -45,7 +45,7 @@ if [[ -e $prefix/bin/f2fs_emulator && -e $prefix/bin/f2fs_snapshotctl && -c /dev
     grep data "$work/volume/store/first/snapshot$work/volume/photos/file"
     if [[ -e $prefix/share/java/f2fs_snapshot.jar ]]; then
         options=(-cp "$prefix/share/java/f2fs_snapshot.jar")
-        if [[ $prefix != /usr ]]; then # where Debian's VM looks by itself
+        if [[ $prefix != /usr ]]; then # there Debian's VM finds the library by itself
             library=$(find "$prefix"/lib* -name libf2fs_snapshot_java.so)
             options+=(-Djava.library.path="${library%/*}")
         fi

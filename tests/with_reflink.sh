@@ -4,7 +4,7 @@
 # Ends with 77 where such a file system cannot be mounted.
 set -u
 if [[ $1 != --mounted ]]; then
-    exec unshare --mount "$0" --mounted "$@"  # the mount goes with the processes
+    exec unshare --mount "$0" --mounted "$@"  # the mount ends with the processes
 fi
 shift
 work=$(mktemp -d) && mkdir "$work/tmp" || exit 1

@@ -24,7 +24,7 @@ void writeToStderr(const __android_log_message* line) {
         snprintf(text, sizeof text, "%.64s %c %s %5d %5ld %s\n", line->tag, kind, when,
                  static_cast<int>(getpid()), syscall(SYS_gettid), line->message);
     if (length > 0 && write(STDERR_FILENO, text, static_cast<size_t>(length)) < 0) {
-        return;  // nobody is left to tell
+        return;  // there is nowhere else to report it
     }
 }
 

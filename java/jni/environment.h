@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Java values as C++ values, and back. Functions throw JavaException if a Java exception is
+// Converts Java values to C++ values and back. Functions throw JavaException if a Java exception is
 // pending.
 #pragma once
 
@@ -51,6 +51,7 @@ class Local {
 std::string stringOf(JNIEnv* env, jbyteArray array);
 // `arrays` may be null: no strings.
 std::vector<std::string> stringsOf(JNIEnv* env, jobjectArray arrays);
+// Valid as long as `strings` is.
 std::vector<const char*> pointersTo(const std::vector<std::string>& strings);
 
 Local<jbyteArray> newBytes(JNIEnv* env, const char* text);

@@ -108,7 +108,7 @@ jobject check(JNIEnv* env, jclass /*type*/, jlong store, jobjectArray sources, j
     });
 }
 
-// Destroys the new snapshot if its information cannot be returned: the caller would not know of it.
+// Destroys the new snapshot if its information cannot be returned: the caller could not find it.
 jobject createOrNothing(JNIEnv* env, f2fs_snapshot_store* store,
                         const std::vector<const char*>& sources,
                         const f2fs_snapshot_create_options& options) {

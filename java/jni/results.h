@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The manager's results as objects of the package f2fs.snapshot.
+// Converts the manager's results to objects of the package f2fs.snapshot.
 #pragma once
 
 #include "java/jni/environment.h"

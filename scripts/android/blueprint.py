@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Android.bp, as a reader that has no Soong sees it.
+"""Reads Android.bp, without Soong.
 
 usage: blueprint.py compare BUILD   what differs from the CMake build in BUILD, line by line
        blueprint.py commands        "MODULE FILE FLAG..." for each file that is compiled for a device
@@ -16,8 +16,7 @@ import sys
 
 from mini_soong.parser import soong
 
-# Which CMake targets are the source of which module, where it is not the one of the same name. Their
-# sources together are the module's.
+# The CMake targets whose sources make up a module, where that is not one target of the same name.
 TARGETS = {
     "f2fs_snapshot": ["f2fs_snapshot_tool"],
     "f2fs_driver_check": ["driver_check"],
@@ -88,7 +87,7 @@ def is_compiled(module):
 
 
 def flags(module, source):
-    """As Soong puts them together: the C++ ones after those of both languages."""
+    """The compiler's flags, in Soong's order: those of C++ after those of both languages."""
     result = module.get("cflags", [])
     if source.endswith(".c"):
         result = result + module.get("conlyflags", [])
@@ -100,7 +99,7 @@ def flags(module, source):
 
 
 class CMake:
-    """What the file API of a configured build tells."""
+    """The targets of a configured build, as CMake's file API reports them."""
 
     def __init__(self, build):
         reply = os.path.join(build, ".cmake/api/v1/reply")

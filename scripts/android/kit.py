@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds the files of android/ against Android.bp: what they name is there, and what they write parses.
+"""Compares the files of android/ with Android.bp: what they name exists, and their lines parse.
 
 usage: kit.py      in the root of the project
 """
@@ -13,7 +13,7 @@ import blueprint
 
 DEVICE_DIRECTORY = "/data/local/tmp/f2fs_snapshot/"
 TESTS = ("cc_test", "sh_test")
-# Options of a service, with the least and the highest number of words behind them.
+# Options of a service, with the least and the highest number of words after them.
 OPTIONS = {"disabled": (0, 0), "oneshot": (0, 0), "user": (1, 1), "group": (1, 12),
            "capabilities": (1, 40), "restart_period": (1, 1), "timeout_period": (1, 1),
            "stdio_to_kmsg": (0, 0)}
@@ -23,7 +23,7 @@ WITHOUT_CONTEXT = {"f2fs_driver_check"}
 
 
 def lines_of(path):
-    """Its lines without comments, as words, with their numbers."""
+    """The lines of a file without comments: PATH:NUMBER, whether indented, words."""
     with open(path, encoding="utf-8") as file:
         for number, line in enumerate(file, 1):
             if line.strip() and not line.lstrip().startswith("#"):

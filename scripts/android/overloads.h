@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Read before each file: declares some calls in the forms that Android's C library adds to the
- * plain ones. Code that defines such a call, takes its address or passes the wrong type does not
- * compile then. */
+/* Included before each file: declares some calls in the forms that Android's C library adds to the
+ * plain ones. Then code that defines such a call, takes its address or passes the wrong type does
+ * not compile. */
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>

@@ -72,7 +72,7 @@ class NamesTest extends OnVolume {
         }
     }
 
-    /** A VM that tells other bytes than it takes. */
+    /** A path whose URI has other bytes than its text, as a VM that loses bytes would give it. */
     @Test
     void aPathThatLosesItsBytesIsRefused() {
         Path[] self = new Path[1];

@@ -38,7 +38,7 @@ abstract class OnVolume {
         }
     }
 
-    /** What is in the store's directory, by name; also what has no name yet. */
+    /** The entries of the store's directory, by name, partial snapshots included. */
     List<String> inStore() throws IOException {
         try (Stream<Path> paths = Files.list(store.path())) {
             return list(paths.map(path -> path.getFileName().toString()).sorted());
@@ -91,7 +91,7 @@ abstract class OnVolume {
         return name;
     }
 
-    /** Acts at the first report of a phase. There can be more of them, one each tenth of a second. */
+    /** Acts at the first report of a phase. Later reports come about every tenth of a second. */
     static ProgressListener atFirst(Progress.Phase phase, Runnable action) {
         AtomicBoolean acted = new AtomicBoolean();
         return progress -> {

@@ -161,7 +161,7 @@ class StoreTest extends OnVolume {
     }
 
     @Test
-    void checkTellsWhatIsNotCovered() throws IOException {
+    void checkReportsPathsThatAreNotCovered() throws IOException {
         Path file = write(source.resolve("file"), "");
         Files.createLink(source.resolve("other"), file);
         Report report = store.check(source);
@@ -174,7 +174,7 @@ class StoreTest extends OnVolume {
     }
 
     @Test
-    void progressTellsEachPhase() throws IOException {
+    void progressReportsEachPhase() throws IOException {
         for (int i = 0; i < 5; i++) {
             write(source.resolve("file" + i), "text");
         }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Runs a command with F2FS_SNAPSHOT_TEST_VOLUME, if that is not given yet: a mounted emulator, gone
-# with the command. Ends with 77 where none can be mounted.
+# Runs a command on F2FS_SNAPSHOT_TEST_VOLUME. If that is not set, mounts an emulator, which ends with
+# the command. Ends with 77 where none can be mounted.
 #
 # usage: on_emulator.sh EMULATOR COMMAND...
 set -euo pipefail
@@ -11,7 +11,7 @@ if [[ ! -w /dev/fuse ]]; then
     exit 77
 fi
 if ((EUID == 0)) && [[ ${ON_EMULATOR_UNSHARED-} != yes ]]; then
-    # The mount goes with the processes.
+    # The mount ends with the processes.
     ON_EMULATOR_UNSHARED=yes exec unshare --mount "$0" "$@"
 fi
 

@@ -36,7 +36,7 @@ const char* lend(JNIEnv* /*env*/, jstring object, jboolean* /*is_copy*/) {
     return string->text ? string->lent.c_str() : nullptr;
 }
 
-// Characters end with their release, so that a later use shows.
+// Overwrites characters when they are released, so that a later use shows.
 void takeBack(JNIEnv* /*env*/, jstring object, const char* chars) {
     auto* string = static_cast<ScriptedString*>(object);
     note("release " + (chars == string->lent.c_str() ? string->lent : "other characters"));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Calls killed before each of their system calls: a name that exists is a whole snapshot. And links
-// put in the way of what removes.
+// Calls are killed before each of their system calls: every name must belong to an intact snapshot.
+// And links are put in the way of a removal.
 #include <dlfcn.h>
 #include <sys/ptrace.h>
 
@@ -30,8 +30,8 @@ namespace {
 
 class KilledTest : public ManagerOnVolume {
   protected:
-    // Runs a call in a process of its own and kills that before its nth system call. Returns how
-    // many it got to do, or 0 if it ended before.
+    // Runs a call in a process of its own and kills that before its nth system call. Returns nth,
+    // or 0 if the call ended before.
     static size_t runAndKill(const std::function<int32_t()>& call, size_t nth) {
         const pid_t child = startChild([&] {
             ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
@@ -57,7 +57,7 @@ class KilledTest : public ManagerOnVolume {
         EXPECT_EQ(endChild(child, SIGKILL), 128 + SIGKILL);
         return nth;
     }
-    // The store's lock is free once the helper of the killed call has ended, too.
+    // The store's lock is not free before the helper of the killed call has ended, too.
     int32_t createUnlessBusy(const std::string& name) const {
         for (;;) {
             const int32_t code = create(name).code;
@@ -66,8 +66,9 @@ class KilledTest : public ManagerOnVolume {
             }
         }
     }
-    // Kills the call before one of its system calls after the other. After each, every snapshot is
-    // whole, the next create removes what the call has left, and the source is as it was.
+    // Kills the call before each of its system calls in turn (short form: some of them). After
+    // each, every snapshot is intact, the next create removes what the call has left, and the
+    // source is unchanged.
     void sweep(const std::function<int32_t()>& call, const std::function<void()>& prepare) {
         const std::vector<std::string> before = dump(source);
         const auto step = static_cast<size_t>(rounds(7, 1));
@@ -117,8 +118,8 @@ TEST_F(KilledTest, Destroy) {
     EXPECT_EQ(list(), std::vector<std::string>{"older"});
 }
 
-// The library's program ends with the call that it works for, and gives back the locks.
-TEST_F(KilledTest, TheHelperGoesWithItsCaller) {
+// The helper ends with its caller and releases the locks.
+TEST_F(KilledTest, TheHelperEndsWithItsCaller) {
     makeSource();
     std::atomic<pid_t> child = 0;
     int status = -1;
@@ -142,8 +143,8 @@ TEST_F(KilledTest, TheHelperGoesWithItsCaller) {
     EXPECT_EQ(list(), (std::vector<std::string>{"older", "a"}));
 }
 
-// Somebody who may rename in the store (it is open to its owner only) puts a link to another
-// directory in the place of a directory that is being removed.
+// Another process of the store's owner replaces a directory that is being removed by a link to
+// another directory.
 TEST_F(KilledTest, RemovalFollowsNoLink) {
     makeSource();
     fs::create_directory(at("out"));

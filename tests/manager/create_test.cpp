@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a snapshot of the manager holds, and what it says of names that change while it is made.
+// The contents of the manager's snapshots, and its findings when names change meanwhile.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <linux/fs.h>
@@ -19,12 +19,12 @@
 
 namespace {
 
-// Called for each look at the clock of time stamps in this process; what it returns, if not 0, is
-// the time.
+// Called for each reading of the clock of time stamps in this process. A result other than 0 is the
+// time that is read.
 std::function<int64_t()> coarse_clock;
 
-// Called with what statx has found, and before names of a directory are read.
-std::function<void(struct statx& attributes)> after_look;
+// Called with the attributes that statx has read, and before the names of a directory are read.
+std::function<void(struct statx& attributes)> after_statx;
 std::function<void(int directory)> before_names;
 
 }  // namespace
@@ -50,8 +50,8 @@ STAND_IN("syscall", long, standInSyscall, long number, ...) {
     static const auto next = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
     const long ret = next(number, arguments[0], arguments[1], arguments[2], arguments[3],
                           arguments[4], arguments[5]);
-    if (number == SYS_statx && ret == 0 && after_look) {
-        after_look(*static_cast<struct statx*>(arguments[4]));
+    if (number == SYS_statx && ret == 0 && after_statx) {
+        after_statx(*static_cast<struct statx*>(arguments[4]));
     }
     return ret;
 }
@@ -71,7 +71,7 @@ class CreateTest : public ManagerOnVolume {
     void inSource(const std::string& script) const {
         ASSERT_EQ(runProcess({"sh", "-c", "cd " + source + " && " + script}).status, 0) << script;
     }
-    // One that nothing disturbs.
+    // Makes a snapshot that nothing disturbs.
     void expectWhole(const std::string& name) const {
         const auto made = create(name);
         ASSERT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
@@ -101,7 +101,7 @@ TEST_F(CreateTest, TreesOfAllKindsAreWhole) {
     EXPECT_EQ(leftovers(), "");
 }
 
-// More than the manifest is written in at once.
+// More names than the manifest's writer holds in memory.
 TEST_F(CreateTest, ATreeOfManyNamesIsWhole) {
     for (int i = 0; i < 5000; ++i) {
         fs::create_symlink("to " + std::to_string(i), source + "/" + std::to_string(i));
@@ -110,7 +110,7 @@ TEST_F(CreateTest, ATreeOfManyNamesIsWhole) {
     expectIntact("a");
 }
 
-TEST_F(CreateTest, InfoTellsAllAndStays) {
+TEST_F(CreateTest, InfoIsCompleteAndStored) {
     inSource("mkdir m; printf abc >m/f; printf abcde >g; ln -s g l");
     fs::create_directory(at("other"));
     const auto made = create("a", F2FS_SNAPSHOT_CREATE_OPTIONS_INIT, {source + "/", at("other")});
@@ -162,7 +162,7 @@ TEST_F(CreateTest, TheManifestHasTheTimeOfTheContent) {
     EXPECT_NE(manifest.find("/b time=1000000000.0"), std::string::npos) << manifest;
 }
 
-// What happens at an exact call of the library in the only attempt, and what is said of it.
+// A change before an exact call of the library in the only attempt, and the findings about it.
 struct Limit {
     const char* what;
     const char* meanwhile;
@@ -178,7 +178,7 @@ const Limit LIMITS[] = {
     {"a new file over another", "printf new >../new; mv -T ../new a", {"23 .", "22 a"}},
     {"saving through a temporary file", "printf new >a.tmp; mv -T a.tmp a", {"23 .", "22 a"}},
     {"log rotation", "mv -T b a; printf '' >b", {"23 .", "22 a", "22 b"}},
-    {"a directory in the place of another", "mv -T m ../n; mv -T ../o m", {"23 .", "22 m"}},
+    {"a directory replaces another", "mv -T m ../n; mv -T ../o m", {"23 .", "22 m"}},
     {"two files exchange their names there and back",
      "mv -T a x; mv -T b a; mv -T x b; mv -T a x; mv -T b a; mv -T x b",
      {"23 ."}},
@@ -188,12 +188,12 @@ const Limit LIMITS[] = {
     {"a file deleted", "rm a", {"23 .", "21 a"}},
     {"a link made", "ln -s b n", {"23 .", "20 n"}},
     {"a link changed", "rm link; ln -s b link", {"23 .", "22 link"}},
-    {"a link in the place of a directory", "mv -T m ../n; ln -s ../n m", {"23 .", "22 m"}},
-    {"the source in another place", "mv -T $PWD ../n; mkdir $PWD", {"22 ."}},
-    {"a change below, of the one that has been listed first", "rm m/c", {"23 m", "21 m/c"}},
+    {"a link replaces a directory", "mv -T m ../n; ln -s ../n m", {"23 .", "22 m"}},
+    {"another directory replaces the source", "mv -T $PWD ../n; mkdir $PWD", {"22 ."}},
+    {"a change in a subdirectory", "rm m/c", {"23 m", "21 m/c"}},
 };
 
-TEST_F(CreateTest, ChangedNamesAreNamedOrTriedAgain) {
+TEST_F(CreateTest, ChangedNamesAreReportedOrTriedAgain) {
     for (const Limit& row : LIMITS) {
         SCOPED_TRACE(row.what);
         for (const uint32_t attempts : {1U, 2U}) {
@@ -222,7 +222,7 @@ TEST_F(CreateTest, ChangedNamesAreNamedOrTriedAgain) {
     }
 }
 
-TEST_F(CreateTest, StrictFailsWhereTheOthersTell) {
+TEST_F(CreateTest, StrictFailsInsteadOfReporting) {
     inSource("printf old >a; printf old >b");
     f2fs_snapshot_create_options strict = F2FS_SNAPSHOT_CREATE_OPTIONS_INIT;
     strict.strict = 1;
@@ -241,7 +241,7 @@ TEST_F(CreateTest, StrictFailsWhereTheOthersTell) {
     EXPECT_EQ(findingsOf(*made.value, source), (std::vector<std::string>{"8 a", "8 h"}));
 }
 
-// The library's own call returns 0 then.
+// The library's own call returns 0 in this case.
 TEST_F(CreateTest, ADirectoryThatTheLastPassCannotRead) {
     inSource("mkdir m; printf old >m/c; printf old >z");
     HeldLibrary held(volume.root(), "opendir " + source + "/m", 2, [&] {
@@ -255,7 +255,7 @@ TEST_F(CreateTest, ADirectoryThatTheLastPassCannotRead) {
         << testing::PrintToString(findings);
 }
 
-// Without an error, as far as the library knows.
+// The library takes a read error for the end of the directory.
 TEST_F(CreateTest, ADirectoryThatEndsTooEarly) {
     inSource("mkdir m; printf old >m/c; printf old >z");
     HeldLibrary held(volume.root(), "end " + source + "/m", 2, [] {});
@@ -264,12 +264,12 @@ TEST_F(CreateTest, ADirectoryThatEndsTooEarly) {
     EXPECT_EQ(findingsOf(*made.value, source), std::vector<std::string>{"24 ."});
 }
 
-// As on Android before API level 30: the check passes are known by their result only.
+// As on Android before API level 30: only the result of the check passes is known.
 TEST_F(CreateTest, WithoutTheLibrarysLog) {
     inSource("mkdir m; printf old >m/c; printf old >z");
     setenv("F2FS_SNAPSHOT_TEST_NO_LOG", "1", 1);
     for (const bool is_disturbed : {false, true}) {
-        // The third reading is that of the further pass.
+        // The additional check pass is the third reading.
         HeldLibrary held(volume.root(), "opendir " + source + "/m", is_disturbed ? 3 : 4,
                          [&] { inSource("printf new >m/c"); });
         const auto made = create("a");
@@ -334,8 +334,8 @@ TEST_F(CreateTest, TheClockTickIsWaitedOut) {
     EXPECT_EQ(dump(mirror("a")), (std::vector<std::string>{"m/", "m/n/"}));
 }
 
-// A change that is under way when the second listing begins: only who reads the names waits for its
-// end, and it is undone at once. No time shows before.
+// A change is under way when the second listing begins. Only a reader of the names waits for its
+// end, where its time is stored. Then it is undone at once.
 TEST_F(CreateTest, AChangeWhoseTimeIsStoredLate) {
     inSource("printf a >a; printf b >b");
     const auto exchange = [&] {
@@ -350,7 +350,7 @@ TEST_F(CreateTest, AChangeWhoseTimeIsStoredLate) {
         is_under_way = true;
         exchange();
     });
-    after_look = [&](struct statx& attributes) {
+    after_statx = [&](struct statx& attributes) {
         if (is_under_way && attributes.stx_ino == before.st_ino) {
             attributes.stx_ctime.tv_sec = before.st_ctim.tv_sec;
             attributes.stx_ctime.tv_nsec = static_cast<uint32_t>(before.st_ctim.tv_nsec);
@@ -364,14 +364,14 @@ TEST_F(CreateTest, AChangeWhoseTimeIsStoredLate) {
         }
     };
     const auto made = create("a");
-    after_look = nullptr;
+    after_statx = nullptr;
     before_names = nullptr;
     ASSERT_EQ(made.code, F2FS_SNAPSHOT_OK) << made.error.message;
     EXPECT_TRUE(held.has_acted);
     EXPECT_EQ(findingsOf(*made.value, source), std::vector<std::string>{"23 ."});
 }
 
-// A failure removes what was made, leaves what was there, and says what to look at.
+// A failure removes what was made, leaves older snapshots alone, and says what to look at.
 TEST_F(CreateTest, AFailureOfTheLibraryIsExplained) {
     inSource("printf old >a; printf old >b");
     expectWhole("older");
@@ -399,7 +399,7 @@ TEST_F(CreateTest, AFailureOfTheLibraryIsExplained) {
     EXPECT_EQ(leftovers(), "");
 }
 
-// A pipe in the place of a file: opened to read only, it waits for somebody who writes.
+// A pipe replaces a file: opening it for reading waits for a writer.
 TEST_F(CreateTest, ALibraryThatHangsIsEnded) {
     inSource("printf old >a; printf old >b");
     const std::pair<const char*, int32_t> calls[] = {{"open ", F2FS_SNAPSHOT_ERROR_SOURCE},
@@ -419,7 +419,7 @@ TEST_F(CreateTest, ALibraryThatHangsIsEnded) {
 }
 
 // Killed before each of the calls that the preloaded library sees.
-TEST_F(CreateTest, ALibraryThatDiesIsToldOf) {
+TEST_F(CreateTest, ALibraryThatDiesIsReported) {
     inSource("mkdir m; printf old | tee a m/b >c");
     expectWhole("older");
     int killed = 0;
@@ -485,10 +485,10 @@ TEST_F(CreateTest, ProgressAndCancel) {
     EXPECT_GE(calls.lines, 9U);
 }
 
-// A link, put in the library's way, in the place of a file or directory of the source or of the
-// snapshot. The directory that it leads to stays as it is, and out of the snapshot.
+// A link replaces a file or directory of the source or of the snapshot before a call of the
+// library. The directory that it leads to must stay unchanged, and must not get into the snapshot.
 struct Swap {
-    const char* call;  // "$" is the source, "@" its place in the snapshot
+    const char* call;  // "$" is the source, "@" its mirror in the snapshot
     const char* path;
     const char* link;
 };
@@ -506,15 +506,15 @@ TEST_F(CreateTest, NoLinkIsFollowed) {
         fs::create_directories(source);
         write(at("out/f"), "secret");
         inSource("mkdir m; printf data | tee f >m/f");
-        const auto placed = [&](std::string text) {
+        const auto expanded = [&](std::string text) {
             const std::string partial = at("store/.a.partial/snapshot") + source;
-            const size_t place = text.find_first_of("$@");
-            return text.replace(place, 1, text[place] == '$' ? source : partial);
+            const size_t sign = text.find_first_of("$@");
+            return text.replace(sign, 1, text[sign] == '$' ? source : partial);
         };
-        HeldLibrary held(volume.root(), placed(row.call), 1, [&] {
+        HeldLibrary held(volume.root(), expanded(row.call), 1, [&] {
             std::error_code missing;
-            fs::rename(placed(row.path), at("aside"), missing);
-            fs::create_symlink(at(row.link), placed(row.path));
+            fs::rename(expanded(row.path), at("aside"), missing);
+            fs::create_symlink(at(row.link), expanded(row.path));
         });
         const auto made = create("a");
         EXPECT_TRUE(held.has_acted);
@@ -529,7 +529,7 @@ TEST_F(CreateTest, NoLinkIsFollowed) {
     }
 }
 
-// A process with few descriptors can work on deep trees. The library gets as many as may be.
+// A process with few descriptors can work on deep trees. The helper raises its own limit.
 TEST_F(CreateTest, ADeepTreeNeedsFewDescriptors) {
     inSource(
         "mkdir -p $(printf 'd/%.0s' $(seq 300)); find . -depth -type d | head -1 >path; "
@@ -546,7 +546,7 @@ TEST_F(CreateTest, ADeepTreeNeedsFewDescriptors) {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// What a helper of this process has open.
+// The files that a helper of this process has open.
 std::set<std::string> openInHelper() {
     const std::string self = std::to_string(getpid());
     std::istringstream children(read("/proc/self/task/" + self + "/children"));
@@ -567,7 +567,7 @@ TEST_F(CreateTest, CallsAreKeptApart) {
     fs::create_directory(at("other"));
     f2fs_snapshot_store* second = nullptr;
     ASSERT_EQ(f2fs_snapshot_store_open(at("store2").c_str(), 1, &second, nullptr), 0);
-    // Without O_CLOEXEC, as others may forget it.
+    // Without O_CLOEXEC, which other code may forget.
     const int opened = open(at("store2").c_str(), O_RDONLY | O_CLOEXEC);
     const int leak = fcntl(opened, F_DUPFD, 200);
     close(opened);
@@ -591,7 +591,7 @@ TEST_F(CreateTest, CallsAreKeptApart) {
     }
     f2fs_snapshot_store_close(second);
     close(leak);
-    // Its caller may be killed, and the locks are to last as long as it works.
+    // The helper holds the locks, because they must outlive a caller that is killed.
     for (const std::string& directory : {at("store"), source + "/m", source}) {
         EXPECT_EQ(held_by_helper.count(directory), 1U) << directory;
     }
@@ -600,7 +600,7 @@ TEST_F(CreateTest, CallsAreKeptApart) {
     EXPECT_EQ(codes, (std::vector<int32_t>{busy, busy, busy, 0, busy, busy}));
 }
 
-// Somebody who verifies or restores a snapshot holds its lock.
+// A call that verifies or restores a snapshot holds its lock.
 TEST_F(CreateTest, ASnapshotInUseStays) {
     expectWhole("a");
     const int fd = open(at("store/a").c_str(), O_RDONLY | O_CLOEXEC);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Compares what the manager's library exports with what its header declares: each has the other.
+# Compares the functions that the manager's library exports with those that its header declares: they
+# must be the same.
 #
 # usage: exports.sh LIBRARY HEADER
 set -euo pipefail

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Preloaded into f2fs_snapshot_helper: holds the library at one call until the test has acted, or
-// ends it there.
+// kills it there.
 //
 // F2FS_SNAPSHOT_TEST_HOLD="CALL PATH" names the call, F2FS_SNAPSHOT_TEST_NTH which one of them
 // (from 1), F2FS_SNAPSHOT_TEST_PIPES two pipes, DIR/held and DIR/go. Without a call, the nth call
@@ -96,7 +96,7 @@ STAND_IN(LARGE(readdir), dirent*, standInReaddir, DIR* stream) {
 
 STAND_IN(LARGE(fallocate), int, standInFallocate, int fd, int mode, off_t offset, off_t length) {
     char path[PATH_MAX] = "";
-    // Not /proc/self, which is a link: none is followed here.
+    // Not /proc/self, which is a link: the helper can follow none.
     const std::string open = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd);
     if (readlink(open.c_str(), path, sizeof path - 1) > 0 &&
         !setting("F2FS_SNAPSHOT_TEST_HOLD").empty() && isNth("allocate", path)) {

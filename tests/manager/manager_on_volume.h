@@ -12,7 +12,7 @@
 #include "tests/helpers.h"
 #include "tests/manager/random_tree.h"
 
-// The result of a call. `value` is what its out parameter got.
+// The result of a call, with the object of its out parameter.
 template <typename Value>
 struct Result {
     int32_t code = -1;
@@ -35,7 +35,7 @@ std::vector<std::string> findingsOf(const Value& value, const std::string& top) 
     return lines;
 }
 
-// The source is an empty directory at first, the store does not exist.
+// A test with an empty source and an empty store.
 class ManagerOnVolume : public VolumeTest {
   protected:
     void SetUp() override {
@@ -131,15 +131,15 @@ class ManagerOnVolume : public VolumeTest {
     f2fs_snapshot_store* store = nullptr;
 };
 
-// Has hold.cpp's library preloaded into the helper, which watches for the nth call.
+// Preloads hold.cpp into the helper, to act at the nth call.
 inline void preloadHold(int nth) {
     setenv("LD_PRELOAD", F2FS_SNAPSHOT_HOLD_LIBRARY, 1);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
     setenv("F2FS_SNAPSHOT_TEST_NTH", std::to_string(nth).c_str(), 1);
 }
 
-// Has the next creates hold the library before its nth call of one kind on one path, and the test
-// act there; once.
+// Makes the next creates hold the library before its nth call of one kind on one path. `act` runs
+// there the first time.
 class HeldLibrary {
   public:
     HeldLibrary(const fs::path& directory, const std::string& call, int nth,
@@ -151,7 +151,7 @@ class HeldLibrary {
         preloadHold(nth);
         setenv("F2FS_SNAPSHOT_TEST_HOLD", call.c_str(), 1);
         setenv("F2FS_SNAPSHOT_TEST_PIPES", pipes_.c_str(), 1);
-        // Open for both, so that neither side waits for the other to open.
+        // Opened for reading and writing, so that neither side waits for the other to open.
         held_ = open((pipes_ / "held").c_str(), O_RDWR | O_CLOEXEC);
         go_ = open((pipes_ / "go").c_str(), O_RDWR | O_CLOEXEC);
         thread_ = std::thread([this] { serve(); });

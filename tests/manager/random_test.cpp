@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Snapshots among a writer that makes, writes, renames, links and deletes: each that is said to be
-// whole is the tree as it was after one of the writer's steps.
+// Snapshots while a writer makes, writes, renames, links and deletes: each that is called whole
+// must be the tree as it was after one of the writer's steps.
 #include <linux/fs.h>
 #include <sys/mman.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-// One step of the writer, which one system call does.
+// One step of the writer, made by one system call.
 struct Step {
     enum Kind { WRITE, MAKE, MAKE_DIRECTORY, LINK_TEXT, RENAME, EXCHANGE, REMOVE } kind;
     std::string path;
@@ -131,7 +131,7 @@ class Writer {
   public:
     explicit Writer(uint32_t seed) : random_(seed) {}
 
-    // The same sequence for the same seed; numbers make each content and link text another one.
+    // The same sequence for the same seed. A number makes each content and link text unique.
     Step next() {
         if (++number_ <= 10000003) {
             return {Step::MAKE_DIRECTORY, std::string(1, "xyz"[number_ % 3]), ""};
@@ -147,7 +147,7 @@ class Writer {
                            : Step{Step::REMOVE, path(), ""};
     }
 
-    // Does a step, with one system call that changes anything. One that cannot be done is none.
+    // Does a step with one system call that changes something. An impossible step changes nothing.
     static void act(int top, const Step& step) {
         const char* path = step.path.c_str();
         switch (step.kind) {
@@ -184,7 +184,7 @@ class Writer {
             close(fd);
         }
     }
-    // Written without a name first, so that no one sees it empty.
+    // Written before it gets a name, so that it is never seen empty.
     static void makeFile(int top, const Step& step) {
         const int fd = openat(top, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
         ASSERT_GE(fd, 0);
@@ -224,7 +224,7 @@ TEST_F(RandomTest, WholeIsTheTreeAfterOneStep) {
         while (shared->steps < max_steps) {
             Writer::act(directory, steps.next());
             shared->steps = shared->steps + 1;
-            // Bursts, and rests in which a create has a chance; some last for a whole create,
+            // Bursts, and rests in which a create can succeed. Some rests last for a whole create,
             // however slow the machine is.
             usleep(static_cast<useconds_t>(pauses.below(10) == 0 ? pauses.below(100000)
                                                                  : pauses.below(1000)));
@@ -248,7 +248,7 @@ TEST_F(RandomTest, WholeIsTheTreeAfterOneStep) {
         const auto made = create("a", 1 + static_cast<uint32_t>(random.below(3)));
         const size_t end = shared->steps;
         if (made.code != F2FS_SNAPSHOT_OK) {
-            // Files that kept changing or went away: the library gave up.
+            // Files kept changing or vanished: the library failed.
             EXPECT_EQ(made.code, F2FS_SNAPSHOT_ERROR_LIBRARY) << made.error.message;
             continue;
         }

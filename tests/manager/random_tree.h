@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Random trees, the same ones for the same seed.
+// Random trees.
 #pragma once
 
 #include "tests/helpers.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the manager refuses, and what it says of a tree beforehand.
+// What the manager refuses, and what check reports.
 #include <sys/mount.h>
 
 #include <cstring>
@@ -108,7 +108,7 @@ TEST_F(StoreTest, StructuresOfOtherSizes) {
               F2FS_SNAPSHOT_ERROR_ARGUMENT);
 }
 
-// Damage is told of, and takes nothing else along.
+// Damage is reported, and affects no other snapshot.
 TEST_F(StoreTest, DamagedSnapshots) {
     const std::pair<const char*, const char*> damages[] = {
         {"info.json", "rm info.json"},
@@ -157,7 +157,7 @@ TEST_F(StoreTest, VerifyFindsEachDifference) {
                                         "40 m/e", "41 n"}));
 }
 
-// What a call that was killed has left is removed by the next one, through no link.
+// The next call removes what a killed call has left, and follows no link.
 TEST_F(StoreTest, LeftoversAreRemoved) {
     shell("cd " + at(".") +
           "; mkdir -p out store/.a.partial/m store/.b.removed/m; printf x >out/f;"
@@ -173,8 +173,8 @@ struct Obstacle {
     std::vector<std::string> findings;
 };
 
-// What check says and what create then does are one.
-TEST_F(StoreTest, CheckTellsWhatCreateDoes) {
+// check reports exactly the obstacles that create refuses.
+TEST_F(StoreTest, CheckAgreesWithCreate) {
     const bool has_room = fs::space(top).available > UINT64_C(4) << 30;
     const Obstacle obstacles[] = {
         {"true", {}},
@@ -220,7 +220,7 @@ TEST_F(StoreTest, CheckTellsWhatCreateDoes) {
     EXPECT_EQ(create("a").code, F2FS_SNAPSHOT_ERROR_SOURCE);
 }
 
-TEST_F(StoreTest, CheckTellsWhatCreateDoesWithRandomTrees) {
+TEST_F(StoreTest, CheckAgreesWithCreateOnRandomTrees) {
     int refused = 0;
     for (uint32_t seed = 1; seed <= 12 && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
@@ -259,7 +259,7 @@ TEST_F(StoreTest, CheckTellsWhatCreateDoesWithRandomTrees) {
     EXPECT_LT(refused, 12);
 }
 
-TEST_F(StoreTest, CheckKnowsSourcesAndMounts) {
+TEST_F(StoreTest, CheckReportsPathsOfSourcesAndMounts) {
     fs::create_directories(at("a;b/m"));
     const auto noted = check({at("a;b")});
     ASSERT_EQ(noted.code, F2FS_SNAPSHOT_OK);

@@ -3,14 +3,14 @@
 // instant, the start of the library's last check pass: names, types, link texts and contents.
 //
 // The tree is a directory with two names, at first a file and a link, and a directory in it with one
-// name. A second directory is outside. One attempt is modelled, with one check pass: how files are
-// made again is the matter of promise.pml. An attempt takes over nothing from the one before.
+// name. A second directory is outside. One attempt is modelled, with one check pass: promise.pml
+// covers files that are made again. An attempt takes over nothing from the one before.
 //
 // The world changes the tree between any two steps of the manager and the library, CHANGES times in
 // all. A change of names has three steps: the directories are locked and the clock is read; the names
-// change; the time is stored and the directories are unlocked. The clock goes in ticks. Who reads the
-// names of a directory waits until it is unlocked, all others do not. A directory can seem to end
-// early, once.
+// change; the time is stored and the directories are unlocked. The clock advances in ticks. A reader of
+// a directory's names waits until it is unlocked, all others do not. A directory can seem to end early,
+// once.
 //
 // The parts of the argument, each switched off by its name:
 //     ONE_LISTING    there is no second listing
@@ -61,13 +61,13 @@ bit is_moved, is_over, has_ended;
 #define IS_LINK(object) (object != NONE && is_link[object])
 #define VALUE(object) (object == NONE -> NONE : (object * 8 + version[object]))
 
-byte snapshot[PATHS];      // what was taken for each path
-byte at_start[PATHS];      // what was there at the start of the pass
+byte snapshot[PATHS];      // the value taken for each path
+byte at_start[PATHS];      // the value at the start of the pass
 byte listed[PATHS];        // the object in the first listing
 byte listed_time[2], listed_inner;
 byte files, checked;       // files of the first listing, and of the pass
 
-// What a change of names does.
+// Kinds of changes of names.
 mtype = { MAKE, REMOVE, RENAME, EXCHANGE, SWAP };
 
 inline apply() {

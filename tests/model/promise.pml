@@ -9,14 +9,15 @@
 // The limits of the promise, each switched on by its name:
 //     HARD_LINKS    two names of one inode
 //     MOVE_MARKED   a file that is marked, or just being marked, is renamed over another
-//     REARM         somebody else sets marks: another prepare or create on the same sources
+//     REARM         another prepare or create on the same sources sets marks
 //     UNREADABLE    a check pass can end early, at a directory that it cannot read
-//     DELETED       the promise is asked for deleted files as well
+//     DELETED       the promise includes deleted files
 // What the argument excludes, likewise:
 //     MARK_LATE     a tool that takes the data first and marks the file after it
 //     SPLIT_WRITE   a driver that can set a mark between the two halves of a change: the old mark's
 //                   loss, and the new data
-// LATE claims the opposite: that no create succeeds after a re-making while a file changes.
+// LATE asserts instead that a create that has made files again never succeeds while a file changes.
+// This must fail, which shows that the search reaches such creates.
 #ifndef CHANGES
 #define CHANGES 3
 #endif

@@ -4,14 +4,14 @@
 # program gets; fish is asked for its candidates. Shells that are not installed are left out, except
 # bash.
 #
-# usage: completion_test.sh FOLDER_OF_COMPLETIONS
+# usage: completion_test.sh COMPLETIONS_DIR
 set -euo pipefail
 completions=$(realpath -- "$1")
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/completion_test.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work"/{DCIM/sub,Music,my.store,bin}
-# Two snapshots in my.store, none elsewhere; what it is called with otherwise is printed.
+# Lists two snapshots in my.store and none elsewhere; prints the arguments of all other calls.
 cat >"$work/bin/f2fs_snapshotctl" <<'END_PROGRAM'
 #!/bin/sh
 if [ "$3 $4" = "--quiet list" ]; then

@@ -138,7 +138,7 @@ TEST_F(Ctl, GivesACommandASnapshotOfItsOwn) {
     EXPECT_EQ(stored(), "older\n");
 }
 
-// Signals that somebody sends to the program reach the command, which decides what becomes of it.
+// Signals to the program reach the command, whose exit status is the program's.
 TEST_F(Ctl, ForwardsSignalsToTheCommand) {
     const std::string script = "trap 'exit 9' TERM; kill -TERM $PPID; while :; do sleep 0.05; done";
     EXPECT_EQ(ctl({"run", source, "--", "sh", "-c", script}).status, 9);
@@ -147,7 +147,7 @@ TEST_F(Ctl, ForwardsSignalsToTheCommand) {
     EXPECT_EQ(stored(), "");
 }
 
-// The volume stands still until the signal has come: the call is under way then, and not done.
+// The volume is stopped until the signal has been sent, so that the call is under way then.
 TEST_F(Ctl, LeavesNothingWhenInterrupted) {
     if (!isEmulated()) {
         GTEST_SKIP() << "stops the emulator, which does not serve this volume";

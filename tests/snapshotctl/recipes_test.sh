@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Runs the recipes of docs/backup.md, taken from the page, on an emulated volume, among writers, and
-# looks at what they leave. A recipe whose programs are not installed is left out.
+# Runs the recipes of docs/backup.md, taken from the page, on an emulated volume, while writers change
+# it, and checks the results. A recipe whose programs are not installed is left out.
 #
 # usage: recipes_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
@@ -37,14 +37,14 @@ recipe() {
     cat "$work/recipe"
 }
 
-# The same, executed.
+# Executes the nth shell block below a heading.
 follow() {
     recipe "$1" sh "$2" >/dev/null
     echo "== $1"
     insist "$1"
 }
 
-# Executes what was taken from the page; again if the writer did not rest long enough for a snapshot.
+# Executes the recipe; tries again while the writer does not rest long enough for a snapshot.
 insist() {
     local attempt
     for attempt in {1..30}; do
@@ -96,7 +96,7 @@ if [[ ! -w /dev/fuse ]] || ! { ((EUID != 0)) || unshare --mount true; }; then
 fi
 mkdir "$work"/{backing,volume,backup,bin}
 ln -s "$build/manager/f2fs_snapshotctl" "$work/bin/"
-# The other machine is a directory.
+# A directory stands for the machine that ssh connects to.
 cat >"$work/bin/ssh" <<END
 #!/bin/sh
 shift && cd "$work/backup" && exec sh -c "\$*"
@@ -153,7 +153,7 @@ sed -n 's/^ExecStart=//p' "$work/f2fs-snapshot.service" >"$work/recipe"
 for night in 1 2 3; do
     insist "night $night"
 done
-# The last two, and as the first of fewer than twelve months the oldest.
+# The last two, and the oldest, which rules keep that find fewer snapshots than they may keep.
 [[ $(f2fs_snapshotctl --quiet list | wc -l) == 3 ]] || fail "prune kept another number"
 follow "$heading" 1
 newest=$(f2fs_snapshotctl --quiet list | tail -n 1)

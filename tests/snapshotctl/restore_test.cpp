@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Snapshots that are copied out again.
+// Restoring snapshots.
 #include <sys/mount.h>
 
 #include "tests/manager/random_tree.h"
@@ -13,7 +13,7 @@ class Restore : public CtlOnVolume {
         CtlOnVolume::SetUp();
         out = base() / "out";
     }
-    // Elsewhere than on the emulated volume, but on a given one: its attributes are needed.
+    // Outside an emulated volume, but on a given one, whose file system has all attributes.
     fs::path base() const {
         return isEmulated() ? volume.root() : top;
     }
@@ -140,7 +140,7 @@ TEST_F(Restore, WritesThroughNoLinkToAFile) {
     EXPECT_EQ(read(out + "-precious"), "mine");
 }
 
-// What can be had of a damaged snapshot is restored, and the rest is named.
+// The usable part of a damaged snapshot is restored, and the rest is reported.
 TEST_F(Restore, SavesWhatADamagedSnapshotHas) {
     ASSERT_EQ(shell("cd " + source + " && mkdir gone && touch gone/x && echo 1 >short && " +
                     "echo 2 >changed && ln short twin && echo y >type"),
@@ -164,7 +164,7 @@ TEST_F(Restore, SavesWhatADamagedSnapshotHas) {
 
 TEST_F(Restore, GivesNobodyTheRightsOfAnother) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to own files as somebody else";
+        GTEST_SKIP() << "needs root, to give files to another user";
     }
     for (const fs::path& directory : {base(), top}) {
         fs::permissions(directory, static_cast<fs::perms>(0755));
@@ -187,12 +187,13 @@ TEST_F(Restore, GivesNobodyTheRightsOfAnother) {
     EXPECT_EQ(modeOf(restored() + "/a"), 0777);
 }
 
-// Each call by which a restore changes something fails once, and is the last one once.
+// Each system call by which a restore changes something fails in one run, and is the last one
+// before a kill in another.
 class RestoreIsDisturbed : public Restore {
   protected:
     // Restores with a fault that strace makes. Returns the exit status.
     int disturbed(const std::string& call, const std::string& fault, int when) const {
-        // LeakSanitizer works under no tracer.
+        // LeakSanitizer does not work under a tracer.
         std::vector<std::string> command = {
             "env",
             "ASAN_OPTIONS=detect_leaks=0",
@@ -209,7 +210,7 @@ class RestoreIsDisturbed : public Restore {
         EXPECT_EQ(described(restored()), expected);
         EXPECT_FALSE(fs::exists(partial()));
     }
-    // What is not whole has the partial tree beside it, and can be made whole.
+    // An incomplete restore has its partial tree beside it, and another restore completes it.
     void expectPartial() const {
         std::vector<std::string> again = {"restore", "one", out};
         if (fs::exists(fs::path(out) / *fs::path(source).relative_path().begin())) {

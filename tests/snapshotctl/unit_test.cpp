@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What needs no volume: which snapshots are kept, and how things are shown.
+// Tests without a volume: keep rules, shown texts, time spans and progress.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -103,7 +103,7 @@ TEST_F(KeepRules, KeepTheNewestOfEachPeriod) {
          "d:daily b:daily a:daily"},
         {"but not a full one", rule(&O::keep_daily, 2),
          "2026-01-01 01:00, 2026-01-01 02:00, 2026-01-02 02:00", "c:daily b:daily"},
-        {"rules count for themselves", daily_and_last,
+        {"each rule counts separately", daily_and_last,
          "2026-01-01 01:00, 2026-01-01 02:00, 2026-01-02 01:00, 2026-01-02 02:00",
          "d:last d:daily b:daily"},
         {"within, of the newest", within(3600),

@@ -10,7 +10,7 @@ import sys
 
 import jsonschema
 
-# A document stays valid without them: a snapshot has the first after list and show only.
+# Members that may be missing: only list and show give a snapshot's disk_bytes.
 OPTIONAL = {"disk_bytes"}
 
 

@@ -23,7 +23,8 @@ public final class Report {
     }
 
     /**
-     * What was found, in the order of the paths' bytes.
+     * The findings, in the order of their paths. Attributes that a restore could not set on
+     * directories come last.
      *
      * @return the findings, which cannot be changed
      */
