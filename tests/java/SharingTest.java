@@ -18,64 +18,50 @@ import org.junit.jupiter.api.Test;
 class SharingTest extends OnVolume {
     @Test
     void callsOnOneStoreTakeTurns() throws Exception {
-        Waiting[] patient = new Waiting[1];
+        FutureTask<Boolean> patient = new FutureTask<>(() -> {
+            store.create(source).close();
+            return true;
+        });
         CreateOptions options = CreateOptions.builder().progress(
                 atFirst(Progress.Phase.CREATE, () -> {
                     assertDoesNotThrow(() -> store.list());
                     assertFails(ErrorCode.BUSY, () -> store.create(source));
                     store.setBusyTimeout(Duration.ofDays(1));
-                    assertFails(ErrorCode.CANCELLED, () -> cancelWhileWaiting());
-                    assertDoesNotThrow(() -> interruptWhileWaiting());
-                    patient[0] = new Waiting(() -> {
-                        store.create(source).close();
-                        return "done";
-                    });
+                    assertDoesNotThrow(this::cancelWhileWaiting);
+                    assertDoesNotThrow(this::interruptWhileWaiting);
+                    startAndLetWait(patient);
                 })).build();
         store.create(options, source).close();
-        assertEquals("done", patient[0].end());
+        assertTrue(patient.get());
     }
 
     private void cancelWhileWaiting() throws Exception {
         CancelToken token = new CancelToken();
-        Waiting call = new Waiting(
-                () -> store.create(CreateOptions.builder().cancel(token).build(), source));
+        CreateOptions options = CreateOptions.builder().cancel(token).build();
+        FutureTask<?> call = new FutureTask<>(
+                () -> assertFails(ErrorCode.CANCELLED, () -> store.create(options, source)));
+        startAndLetWait(call);
         token.cancel();
-        call.end();
+        call.get();
     }
 
     private void interruptWhileWaiting() throws Exception {
-        Waiting call = new Waiting(() -> {
+        FutureTask<Boolean> call = new FutureTask<>(() -> {
             assertFails(ErrorCode.BUSY, () -> store.create(source));
             return Thread.interrupted();
         });
-        call.thread.interrupt();
-        assertEquals(true, call.end());
+        startAndLetWait(call).interrupt();
+        assertTrue(call.get());
     }
 
-    /** A thread with a call that waits for its turn. */
-    private static final class Waiting {
-        private final FutureTask<Object> task;
-        final Thread thread;
-
-        Waiting(Callable<Object> call) {
-            task = new FutureTask<>(call);
-            thread = new Thread(task);
-            thread.start();
-            while (thread.getState() != Thread.State.TIMED_WAITING && thread.isAlive()) {
-                Thread.yield();
-            }
+    /** Starts a call in another thread. Returns once it waits for its turn, or has ended. */
+    private static Thread startAndLetWait(FutureTask<?> call) {
+        Thread thread = new Thread(call);
+        thread.start();
+        while (thread.getState() != Thread.State.TIMED_WAITING && thread.isAlive()) {
+            Thread.yield();
         }
-
-        Object end() throws Exception {
-            try {
-                return task.get();
-            } catch (ExecutionException exception) {
-                if (exception.getCause() instanceof SnapshotException) {
-                    throw(SnapshotException) exception.getCause();
-                }
-                throw exception;
-            }
-        }
+        return thread;
     }
 
     @Test
