@@ -50,10 +50,6 @@ class EmulatedVolume : public testing::Test {
     // Fails the test when the daemon complained about anything.
     void TearDown() override;
 
-    std::string at(const std::string& path) const {
-        return (volume.mount() / path).string();
-    }
-
     EmulatorMount volume;
 };
 
