@@ -19,8 +19,9 @@ class ErrorTest extends OnVolume {
     void aFailureHasItsCodeAndPath() throws IOException {
         keep("there");
         Path missing = top.resolve("missing");
-        Path failing = program("exit 1");
-        Path hanging = program("exec sleep 100");
+        Path failing = Paths.get("/bin/false");
+        Path hanging = write(top.resolve("hanging"), "#!/bin/sh\nexec sleep 100\n");
+        Files.setPosixFilePermissions(hanging, PosixFilePermissions.fromString("rwx------"));
 
         assertFails(ErrorCode.ARGUMENT, null, () -> store.create());
         assertFails(ErrorCode.ARGUMENT, null, () -> store.prune(PruneOptions.builder().build()));
@@ -183,13 +184,6 @@ class ErrorTest extends OnVolume {
             matches.put(match.group(1), match.group(2));
         }
         return matches;
-    }
-
-    private Path program(String command) throws IOException {
-        Path program = write(top.resolve("program " + command.hashCode()),
-                "#!/bin/sh\n" + command + "\n");
-        Files.setPosixFilePermissions(program, PosixFilePermissions.fromString("rwx------"));
-        return program;
     }
 
     private static SnapshotException assertFails(ErrorCode code, Path path, Executable call) {
