@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Library and emulator killed at any instant, on a driver that keeps the state of a killed caller:
-// marks, layered files, half a snapshot.
+// The library killed at any instant, on a driver that keeps the state of a killed caller: marks,
+// layered files, half a snapshot.
 #include "snapshot/snapshot.h"
 #include "tests/emulator_mount.h"
 #include "tests/fake_kernel.h"
@@ -68,41 +68,6 @@ TEST_F(CrashTest, TheLibraryIsKilled) {
         }
     }
     std::cout << kills << " kills" << std::endl;
-}
-
-// During a call of a create or up to 300 microseconds later.
-TEST_F(CrashTest, TheEmulatorIsKilled) {
-    if (!isEmulated()) {
-        GTEST_SKIP() << "kills the emulator, which does not serve this volume";
-    }
-    makeSource();
-    before = dump(source);
-    fs::create_directory(target);
-    ASSERT_EQ(create(), 0);
-    const size_t calls = kernel.calls;  // of each create to come, which finds the target empty
-    expectDestroy();
-    for (int round = 0; round < rounds(3, 60); ++round) {
-        makeSource();
-        const size_t turn = 1 + random.below(calls);
-        const auto delay = static_cast<useconds_t>(random.below(300));
-        pid_t killer = -1;
-        kernel.before = [&](const std::string& /*call*/) {
-            if (kernel.calls == turn) {
-                killer = startChild([&] {
-                    usleep(delay);
-                    return kill(volume.pid(), SIGKILL);
-                });
-            }
-        };
-        create();
-        kernel.before = nullptr;
-        EXPECT_EQ(endChild(killer), 0);
-        volume.kill9();
-        EXPECT_EQ(dump(volume.backing() / "source"), before);
-        ASSERT_TRUE(volume.start()) << volume.errors();
-        expectNextRound();
-        ASSERT_FALSE(HasFailure());
-    }
 }
 
 }  // namespace

@@ -19,9 +19,6 @@ class EmulatorMount {
     // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status or 128
     // + the signal that killed it; 0 when there is none. SIGKILL frees the mount point as well.
     int stop(int signal);
-    void kill9() {
-        stop(SIGKILL);
-    }
 
     const fs::path& root() const {
         return root_;

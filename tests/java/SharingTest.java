@@ -14,7 +14,7 @@ import java.util.regex.Pattern;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 
-/** Several threads and processes, objects that nobody closed, and many calls. */
+/** Several threads, objects that nobody closed, and many calls. */
 class SharingTest extends OnVolume {
     @Test
     void callsOnOneStoreTakeTurns() throws Exception {
