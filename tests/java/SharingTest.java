@@ -59,6 +59,7 @@ class SharingTest extends OnVolume {
         Thread thread = new Thread(call);
         thread.start();
         while (thread.getState() != Thread.State.TIMED_WAITING && thread.isAlive()) {
+            assertFalse(Thread.interrupted(), "by the time limit");
             Thread.yield();
         }
         return thread;
