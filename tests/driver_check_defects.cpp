@@ -131,7 +131,7 @@ class Unseen {
     bool keeps_;
 };
 
-// A call that changes no data, and all the same clears the mark if that is the defect.
+// For a call that changes no data. Clears the mark if that is the defect.
 void keepsData(const std::string& defect_if_cleared, int fd) {
     just_set = false;
     if (is(defect_if_cleared)) {
@@ -470,7 +470,7 @@ std::string backingPath(int fd) {
 
 }  // namespace
 
-// A function of the C library whose call follows `first`.
+// Defines a function of the C library that does `first` and then calls the real one.
 #define AFTER(first, result, name, parameters, arguments) \
     result name parameters {                              \
         REAL(name);                                       \

@@ -1,5 +1,5 @@
 dnl SPDX-License-Identifier: Apache-2.0
-dnl each(MACRO, NAME...): MACRO(NAME) of each name.
+dnl each(MACRO, NAME...): expands MACRO(NAME) for each name.
 define(`each', `$1(`$2')ifelse(`$#', `2', `', `each(`$1', shift(shift($@)))')')
 dnl The macros of a platform that android/sepolicy uses.
 define(`domain_auto_trans', `
