@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Library and emulator killed at any instant, on a driver that keeps the state of a killed caller:
-// marks, layered files, half a snapshot.
+// The library killed at any instant, on a driver that keeps the state of a killed caller: marks,
+// layered files, half a snapshot.
 #include "snapshot/snapshot.h"
 #include "tests/emulator_mount.h"
 #include "tests/fake_kernel.h"
@@ -9,10 +9,6 @@ namespace {
 
 class CrashTest : public VolumeTest {
   protected:
-    void SetUp() override {
-        VolumeTest::SetUp();
-        kernel.has_driver = false;
-    }
     // New files, for which the driver has no state.
     void makeSource() const {
         fs::remove_all(source);
@@ -21,40 +17,32 @@ class CrashTest : public VolumeTest {
             write(source + name, std::string(5000, 'f'));
         }
     }
-    int32_t create() {
-        return kernel.run([&] { return CreateDirSnapshot({source}, target); });
-    }
-    void expectNextRound() {
-        EXPECT_EQ(run("create"), 0) << log;
-        EXPECT_EQ(dump(mirror()), before);
-        EXPECT_EQ(dump(source), before);
-        expectDestroy();
-    }
 
     FakeKernel kernel{top};
-    Random random;
-    Dump before;
 };
 
 // In the short form at some of the calls, in the long one at each.
 TEST_F(CrashTest, TheLibraryIsKilled) {
+    const std::function<int32_t()> create = [&] { return CreateDirSnapshot({source}, target); };
     const std::function<int32_t()> operations[] = {
         [&] { return PreCreateDirSnapshot({source}); },
-        [&] { return create(); },
+        create,
         [&] { return DestroyDirSnapshot(target); },
     };
+    kernel.has_driver = false;
     makeSource();
-    before = dump(source);
+    const Dump before = dump(source);
+    Random random;
     int kills = 0;
     for (const auto& operation : operations) {
-        ASSERT_EQ(create(), 0);
+        ASSERT_EQ(kernel.run(create), 0);
         makeSource();
         ASSERT_EQ(kernel.run(operation), 0);
         const size_t calls = kernel.calls;
         const auto step = static_cast<size_t>(rounds(static_cast<int>(calls / 4), 1));
         for (size_t turn = 1 + random.below(step); turn <= calls; turn += step, ++kills) {
             SCOPED_TRACE(turn);
-            ASSERT_EQ(create(), 0);
+            ASSERT_EQ(kernel.run(create), 0);
             makeSource();
             kernel.before = [&](const std::string& /*call*/) {
                 if (kernel.calls == turn) {
@@ -63,46 +51,14 @@ TEST_F(CrashTest, TheLibraryIsKilled) {
             };
             EXPECT_EQ(endChild(startChild([&] { return kernel.run(operation); })), 128 + SIGKILL);
             kernel.before = nullptr;
-            expectNextRound();
+            EXPECT_EQ(run("create"), 0) << log;
+            EXPECT_EQ(dump(mirror()), before);
+            EXPECT_EQ(dump(source), before);
+            expectDestroy();
             ASSERT_FALSE(HasFailure());
         }
     }
     std::cout << kills << " kills" << std::endl;
-}
-
-// During a call of a create or up to 300 microseconds later.
-TEST_F(CrashTest, TheEmulatorIsKilled) {
-    if (!isEmulated()) {
-        GTEST_SKIP() << "kills the emulator, which does not serve this volume";
-    }
-    makeSource();
-    before = dump(source);
-    fs::create_directory(target);
-    ASSERT_EQ(create(), 0);
-    const size_t calls = kernel.calls;  // of each create to come, which finds the target empty
-    expectDestroy();
-    for (int round = 0; round < rounds(3, 60); ++round) {
-        makeSource();
-        const size_t turn = 1 + random.below(calls);
-        const auto delay = static_cast<useconds_t>(random.below(300));
-        pid_t killer = -1;
-        kernel.before = [&](const std::string& /*call*/) {
-            if (kernel.calls == turn) {
-                killer = startChild([&] {
-                    usleep(delay);
-                    return kill(volume.pid(), SIGKILL);
-                });
-            }
-        };
-        create();
-        kernel.before = nullptr;
-        EXPECT_EQ(endChild(killer), 0);
-        volume.kill9();
-        EXPECT_EQ(dump(volume.backing() / "source"), before);
-        ASSERT_TRUE(volume.start()) << volume.errors();
-        expectNextRound();
-        ASSERT_FALSE(HasFailure());
-    }
 }
 
 }  // namespace

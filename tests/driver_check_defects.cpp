@@ -131,6 +131,14 @@ class Unseen {
     bool keeps_;
 };
 
+// For a call that changes no data. Clears the mark if that is the defect.
+void keepsData(const std::string& defect_if_cleared, int fd) {
+    just_set = false;
+    if (is(defect_if_cleared)) {
+        clearMark(fd);
+    }
+}
+
 // The mark and the change in two steps, with time for a set and a get in between.
 template <typename Change>
 auto inTwoSteps(const std::string& way, int fd, Change change) {
@@ -462,6 +470,14 @@ std::string backingPath(int fd) {
 
 }  // namespace
 
+// Defines a function of the C library that does `first` and then calls the real one.
+#define AFTER(first, result, name, parameters, arguments) \
+    result name parameters {                              \
+        REAL(name);                                       \
+        first;                                            \
+        return real arguments;                            \
+    }
+
 extern "C" {
 
 int ioctl(int fd, unsigned long number, ...) {
@@ -508,24 +524,25 @@ ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
     return inTwoSteps("write", fd, [&] { return writeReal(fd, data, size, offset); });
 }
 
-ssize_t writev(int fd, const iovec* parts, int count) {
-    REAL(writev);
-    const Unseen keep("writev");
-    return real(fd, parts, count);
-}
+AFTER(const Unseen keep("writev"), ssize_t, writev, (int fd, const iovec* parts, int count),
+      (fd, parts, count))
+AFTER(const Unseen keep("splice"), ssize_t, splice,
+      (int in, loff_t* from, int out, loff_t* to, size_t size, unsigned flags),
+      (in, from, out, to, size, flags))
+AFTER(const Unseen keep("sendfile"), ssize_t, sendfile,
+      (int out, int in, off_t* offset, size_t size), (out, in, offset, size))
+AFTER(const Unseen keep("truncate-path"), int, truncate, (const char* path, off_t size),
+      (path, size))
 
-ssize_t splice(int in, loff_t* in_offset, int out, loff_t* out_offset, size_t size,
-               unsigned flags) {
-    REAL(splice);
-    const Unseen keep("splice");
-    return real(in, in_offset, out, out_offset, size, flags);
-}
-
-ssize_t sendfile(int out, int in, off_t* offset, size_t size) {
-    REAL(sendfile);
-    const Unseen keep("sendfile");
-    return real(out, in, offset, size);
-}
+AFTER(keepsData("mark-lost-by-read", fd), ssize_t, pread,
+      (int fd, void* data, size_t size, off_t offset), (fd, data, size, offset))
+AFTER(keepsData("mark-lost-by-rename", last_set), int, rename, (const char* from, const char* to),
+      (from, to))
+AFTER(keepsData("mark-lost-by-link", last_set), int, link, (const char* from, const char* to),
+      (from, to))
+AFTER(keepsData("mark-lost-by-fsync", fd), int, fsync, (int fd), (fd))
+AFTER(keepsData("mark-lost-with-pages", fd), int, posix_fadvise,
+      (int fd, off_t offset, off_t length, int advice), (fd, offset, length, advice))
 
 long syscall(long number, ...) {
     long word[6];
@@ -572,12 +589,6 @@ int ftruncate(int fd, off_t size) {
     return inTwoSteps("truncate", fd, [&] { return resizeReal(fd, size); });
 }
 
-int truncate(const char* path, off_t size) {
-    REAL(truncate);
-    const Unseen keep("truncate-path");
-    return real(path, size);
-}
-
 int fallocate(int fd, int mode, off_t offset, off_t length) {
     const bool is_collapse = (mode & FALLOC_FL_COLLAPSE_RANGE) != 0;
     const bool is_insert = (mode & FALLOC_FL_INSERT_RANGE) != 0;
@@ -606,52 +617,6 @@ void* mmap(void* start, size_t size, int protection, int flags, int fd, off_t of
                                is("unseen-mapping") ? MAP_SHARED : MAP_PRIVATE, backing, offset);
     close(backing);
     return mapping;
-}
-
-ssize_t pread(int fd, void* data, size_t size, off_t offset) {
-    REAL(pread);
-    const Unseen keep("none");
-    if (is("mark-lost-by-read")) {
-        clearMark(fd);
-    }
-    return real(fd, data, size, offset);
-}
-
-int rename(const char* from, const char* to) {
-    REAL(rename);
-    const Unseen keep("none");
-    const int result = real(from, to);
-    if (is("mark-lost-by-rename")) {
-        clearMark(last_set);
-    }
-    return result;
-}
-
-int link(const char* from, const char* to) {
-    REAL(link);
-    const Unseen keep("none");
-    if (is("mark-lost-by-link")) {
-        clearMark(last_set);
-    }
-    return real(from, to);
-}
-
-int fsync(int fd) {
-    REAL(fsync);
-    const Unseen keep("none");
-    if (is("mark-lost-by-fsync")) {
-        clearMark(fd);
-    }
-    return real(fd);
-}
-
-int posix_fadvise(int fd, off_t offset, off_t length, int advice) {
-    REAL(posix_fadvise);
-    const Unseen keep("none");
-    if (is("mark-lost-with-pages")) {
-        clearMark(fd);
-    }
-    return real(fd, offset, length, advice);
 }
 
 dirent* readdir(DIR* stream) {

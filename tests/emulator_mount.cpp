@@ -15,7 +15,7 @@ EmulatorMount::EmulatorMount() : root_(makeDirectory(fs::temp_directory_path()))
 }
 
 EmulatorMount::~EmulatorMount() {
-    kill9();
+    stop(SIGKILL);
     // Not through a mount that could not be undone.
     runProcess({"rm", "-rf", "--one-file-system", root_});
 }

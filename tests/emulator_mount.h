@@ -19,9 +19,6 @@ class EmulatorMount {
     // Sends a signal (0: none) to the daemon and waits for its end. Returns its exit status or 128
     // + the signal that killed it; 0 when there is none. SIGKILL frees the mount point as well.
     int stop(int signal);
-    void kill9() {
-        stop(SIGKILL);
-    }
 
     const fs::path& root() const {
         return root_;
@@ -49,10 +46,6 @@ class EmulatedVolume : public testing::Test {
     void SetUp() override;
     // Fails the test when the daemon complained about anything.
     void TearDown() override;
-
-    std::string at(const std::string& path) const {
-        return (volume.mount() / path).string();
-    }
 
     EmulatorMount volume;
 };

@@ -87,6 +87,17 @@ class EmulatorTest : public EmulatedVolume {
     }
 };
 
+// Only root can mount, give files away and become another user.
+class EmulatorTestAsRoot : public EmulatorTest {
+  protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "needs root";
+        }
+        EmulatorTest::SetUp();
+    }
+};
+
 // Commands in an empty directory. Their output and what they leave is the same on every file
 // system.
 constexpr const char* BEHAVIOURS[] = {
@@ -117,10 +128,7 @@ constexpr const char* BEHAVIOURS[] = {
              "mkdir $d/d; ln -s x $d/l; mkfifo $d/p; touch $d/f; chown 0 $d/f"; done)sh",
 };
 
-TEST_F(EmulatorTest, BehavesAsAPlainDirectory) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "owners can be compared by root only";
-    }
+TEST_F(EmulatorTestAsRoot, BehavesAsAPlainDirectory) {
     chmod(volume.root().c_str(), 0755);  // other users come here as well
     const std::string dump =
         "find . -printf '%P %y %m %n %U:%G %l\\n' -type f -exec md5sum {} + | sort";
@@ -155,10 +163,7 @@ struct Mount {
     const std::string point;
 };
 
-TEST_F(EmulatorTest, AReadOnlyBackingDirectoryRefusesEveryChange) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can mount";
-    }
+TEST_F(EmulatorTestAsRoot, AReadOnlyBackingDirectoryRefusesEveryChange) {
     shell("echo a >a; mkdir d; setfattr -n user.a -v 1 a");
     ASSERT_EQ(volume.stop(SIGTERM), 0);
     const Mount backing(volume.backing(), volume.backing());
@@ -177,10 +182,7 @@ TEST_F(EmulatorTest, AReadOnlyBackingDirectoryRefusesEveryChange) {
 }
 
 // The volume is still served afterwards; a daemon that waits for itself is killed.
-TEST_F(EmulatorTest, AMountOfTheVolumeBelowItsBackingDirectoryIsRefused) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can mount";
-    }
+TEST_F(EmulatorTestAsRoot, AMountOfTheVolumeBelowItsBackingDirectoryIsRefused) {
     const pid_t daemon = volume.pid();
     const pid_t watchdog = startChild([=] { return sleep(60) == 0 ? kill(daemon, SIGKILL) : 0; });
     const fs::path backing = volume.backing();
@@ -199,10 +201,7 @@ TEST_F(EmulatorTest, AMountOfTheVolumeBelowItsBackingDirectoryIsRefused) {
     EXPECT_EQ(endChild(watchdog, SIGKILL), 128 + SIGKILL);
 }
 
-TEST_F(EmulatorTest, DoesWhatNoCommandAsksFor) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can be another user for a while";
-    }
+TEST_F(EmulatorTestAsRoot, DoesWhatNoCommandAsksFor) {
     chmod(volume.root().c_str(), 0755);
     // Unnamed files belong to their maker, too.
     ASSERT_TRUE(chmod(".", 0777) == 0 && setegid(2000) == 0 && seteuid(1000) == 0);
@@ -330,10 +329,7 @@ TEST_F(EmulatorTest, ChangesOfDataClearTheMarkAndNothingElseDoes) {
     }
 }
 
-TEST_F(EmulatorTest, LimitsAndMountOptionsAreObeyed) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can remount";
-    }
+TEST_F(EmulatorTestAsRoot, LimitsAndMountOptionsAreObeyed) {
     makeFiles();
     fs::current_path(volume.root());
     ASSERT_EQ(volume.stop(SIGTERM), 0);
@@ -354,10 +350,7 @@ TEST_F(EmulatorTest, LimitsAndMountOptionsAreObeyed) {
     EXPECT_EQ(shell("fusermount3 -u mount"), "");
 }
 
-TEST_F(EmulatorTest, AnOrdinaryUserServesAVolumeOfTheirOwn) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can give away /dev/fuse";
-    }
+TEST_F(EmulatorTestAsRoot, AnOrdinaryUserServesAVolumeOfTheirOwn) {
     ASSERT_EQ(volume.stop(SIGTERM), 0);
     fs::current_path(volume.root());
     chmod(".", 0777);

@@ -49,25 +49,6 @@ abstract class OnVolume {
         return list(store.list().stream().map(Object::toString));
     }
 
-    /** Each path below a directory, percent-encoded, with its type and content. */
-    static Map<String, String> tree(Path directory) throws IOException {
-        Map<String, String> tree = new TreeMap<>();
-        int skipped = directory.toUri().getRawPath().length();
-        try (Stream<Path> paths = Files.walk(directory)) {
-            for (Path path : list(paths)) {
-                tree.put(path.toUri().getRawPath().substring(skipped), describe(path));
-            }
-        }
-        return tree;
-    }
-
-    private static String describe(Path path) throws IOException {
-        if (Files.isSymbolicLink(path)) {
-            return "-> " + Files.readSymbolicLink(path);
-        }
-        return Files.isDirectory(path) ? "directory" : read(path);
-    }
-
     static String read(Path path) throws IOException {
         return new String(Files.readAllBytes(path), StandardCharsets.ISO_8859_1);
     }

@@ -3,15 +3,10 @@ import static org.junit.jupiter.api.Assertions.*;
 
 import f2fs.snapshot.*;
 import java.io.IOException;
-import java.nio.ByteBuffer;
-import java.nio.channels.FileChannel;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.*;
 import java.time.Duration;
 import java.time.Instant;
 import java.util.*;
-import java.util.concurrent.CompletableFuture;
-import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicInteger;
 import org.junit.jupiter.api.Test;
 
@@ -35,8 +30,6 @@ class StoreTest extends OnVolume {
             assertThrows(IllegalArgumentException.class, () -> snapshot.pathOf(top));
             assertThrows(IllegalArgumentException.class,
                     () -> snapshot.pathOf(source.resolve("../none")));
-            write(source.resolve("a/b/one"), "one");
-            assertEquals(tree(source), tree(snapshot.pathOf(source)));
             checkInfo(snapshot.info(), before);
             assertEquals(Collections.singletonList(snapshot.name()), names());
             assertTrue(SnapshotStore.version().matches("\\d+\\.\\d+\\.\\d+"));
@@ -196,66 +189,6 @@ class StoreTest extends OnVolume {
         store.destroy("other", progress -> seen.add(progress.phase()), null);
         assertEquals(EnumSet.complementOf(EnumSet.of(Progress.Phase.OTHER)), seen);
         assertEquals(5, filesTotal.get());
-    }
-
-    /** Writers go on; what is in the snapshot is one of the states that there were. */
-    @Test
-    void theSnapshotIsOfOneInstantAmongWriters() throws Exception {
-        final int files = 10;
-        for (int i = 0; i < files; i++) {
-            write(source.resolve("file" + i), "00000000");
-        }
-        AtomicBoolean stop = new AtomicBoolean();
-        AtomicInteger written = new AtomicInteger();
-        CompletableFuture<Void> writer = CompletableFuture.runAsync(() -> {
-            while (!stop.get()) {
-                // File i holds the round in which it was written last.
-                int next = written.getAndIncrement();
-                stamp(source.resolve("file" + next % files), next / files + 1);
-            }
-        });
-        CreateOptions options = CreateOptions.builder().progress(progress -> {
-            int before = written.get();
-            while (progress.phase() == Progress.Phase.CREATE && written.get() < before + 2
-                    && !writer.isDone()) {
-                Thread.yield(); // so that files change during the call
-            }
-        }).build();
-        try (Snapshot snapshot = createInTheEnd(options)) {
-            List<Integer> rounds = new ArrayList<>();
-            for (int i = 0; i < files; i++) {
-                rounds.add(Integer.valueOf(read(snapshot.pathOf(source.resolve("file" + i)))));
-            }
-            assertTrue(rounds.get(0) - rounds.get(files - 1) <= 1, rounds.toString());
-            for (int i = 1; i < files; i++) {
-                assertTrue(rounds.get(i) <= rounds.get(i - 1), rounds.toString());
-            }
-            assertTrue(snapshot.info().isWhole());
-        } finally {
-            stop.set(true);
-            writer.get();
-        }
-    }
-
-    private static void stamp(Path path, int round) {
-        byte[] text = String.format("%08d", round).getBytes(StandardCharsets.US_ASCII);
-        try (FileChannel file = FileChannel.open(path, StandardOpenOption.WRITE)) {
-            file.write(ByteBuffer.wrap(text), 0);
-            Thread.sleep(20);
-        } catch (IOException | InterruptedException exception) {
-            throw new IllegalStateException(exception);
-        }
-    }
-
-    /** No check pass may have met a file that changed: that can take more than one call. */
-    private Snapshot createInTheEnd(CreateOptions options) throws SnapshotException {
-        while (true) {
-            try {
-                return store.create(options, source);
-            } catch (SnapshotException exception) {
-                assertEquals(ErrorCode.LIBRARY, exception.code(), exception.getMessage());
-            }
-        }
     }
 
     @Test

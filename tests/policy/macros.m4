@@ -1,4 +1,6 @@
 dnl SPDX-License-Identifier: Apache-2.0
+dnl each(MACRO, NAME...): expands MACRO(NAME) for each name.
+define(`each', `$1(`$2')ifelse(`$#', `2', `', `each(`$1', shift(shift($@)))')')
 dnl The macros of a platform that android/sepolicy uses.
 define(`domain_auto_trans', `
 allow $1 $2:file { execute getattr map open read };
