@@ -184,6 +184,18 @@ class Survey {
     Missing missing_;
 };
 
+void count(const Recorded& recorded, Counts& counts) {
+    const uint32_t type = recorded.mode & S_IFMT;
+    counts.files += type == S_IFREG ? 1 : 0;
+    counts.directories += type == S_IFDIR ? 1 : 0;
+    counts.links += type == S_IFLNK ? 1 : 0;
+    counts.bytes += type == S_IFREG ? recorded.size : 0;
+}
+
+bool isFailure(const Finding& finding) {
+    return finding.severity == F2FS_SNAPSHOT_FAILS;
+}
+
 class Restore {
   public:
     Restore(const Store& store, const std::string& name,
@@ -221,6 +233,7 @@ class Restore {
     const bool overwrite_;
     Selection selection_;
     Monitor& monitor_;
+    uint64_t files_ = 0;           // to be restored
     std::vector<Recorded> lines_;  // what is to be restored, a directory before what it holds
 
     int top_ = -1;
@@ -241,29 +254,25 @@ void Restore::survey(const Destination& destination) {
     }
     for (const Recorded& recorded : lines_) {
         monitor_.poll();
-        const uint32_t type = recorded.mode & S_IFMT;
-        report.counts.files += type == S_IFREG ? 1 : 0;
-        report.counts.directories += type == S_IFDIR ? 1 : 0;
-        report.counts.links += type == S_IFLNK ? 1 : 0;
-        report.counts.bytes += type == S_IFREG ? recorded.size : 0;
+        count(recorded, report.counts);
         if (survey) {
             survey->look(recorded);
         }
     }
 }
 
-// The findings of the survey are for dry runs only.
 void Restore::requireNothingInTheWay() {
     for (const Finding& finding : report.findings) {
-        if (finding.severity == F2FS_SNAPSHOT_FAILS) {
+        if (isFailure(finding)) {
             throw Failure(F2FS_SNAPSHOT_ERROR_EXISTS, finding.path, finding.message);
         }
     }
-    report.findings.clear();
 }
 
 void Restore::run(const Destination& destination) {
     requireNothingInTheWay();
+    files_ = report.counts.files;
+    report = {};  // that of the survey is for dry runs
     destination.removePartial(monitor_);
     if (overwrite_) {
         restoreInto(destination.fd(), destination.path());
@@ -279,7 +288,7 @@ void Restore::run(const Destination& destination) {
 }
 
 void Restore::restoreInto(int top, const std::string& path) {
-    monitor_.begin(F2FS_SNAPSHOT_PHASE_RESTORE, report.counts.files);
+    monitor_.begin(F2FS_SNAPSHOT_PHASE_RESTORE, files_);
     const std::string snapshot = path_ + "/snapshot";
     replica_ = std::make_unique<Replica>(readAttributes(generation_.get(), path_), report,
                                          [this] { monitor_.poll(); });
@@ -288,8 +297,13 @@ void Restore::restoreInto(int top, const std::string& path) {
     to_ = std::make_unique<Position>(reopened(top, path), path);
     top_ = top;
     for (const Recorded& recorded : lines_) {
-        if (!missing_.has(recorded.path)) {
-            restore(recorded);
+        if (missing_.has(recorded.path)) {
+            continue;
+        }
+        const auto known = static_cast<ptrdiff_t>(report.findings.size());
+        restore(recorded);
+        if (std::none_of(report.findings.begin() + known, report.findings.end(), isFailure)) {
+            count(recorded, report.counts);
         }
     }
     monitor_.begin(F2FS_SNAPSHOT_PHASE_SYNC);
