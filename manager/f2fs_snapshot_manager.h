@@ -439,7 +439,8 @@ typedef struct f2fs_snapshot_restore_options {
  *
  * destination  made (0700) if missing; its parent must exist. Not in the store
  * options      may be NULL
- * report       may be NULL; what could not be restored, and counts of the rest. f2fs_snapshot_report_free
+ * report       may be NULL; what could not be restored, and counts of the rest.
+ * f2fs_snapshot_report_free
  *
  * Errors: ARGUMENT, NAME, NOT_FOUND (the snapshot, or one of the paths in it), FORMAT, EXISTS,
  * BUSY, CANCELLED, SYSTEM.

@@ -47,8 +47,9 @@ void read(const json& object, const std::string& place, T& value) {
     const json::json_pointer pointer("/" + place);
     const bool is_there = object.contains(pointer);
     if (!is_there || !isOf<T>(object.at(pointer))) {
-        throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, "",
-                      "\"" + place + "\" " + (is_there ? "has a value of another type" : "is missing"));
+        throw Failure(
+            F2FS_SNAPSHOT_ERROR_FORMAT, "",
+            "\"" + place + "\" " + (is_there ? "has a value of another type" : "is missing"));
     }
     object.at(pointer).get_to(value);
 }

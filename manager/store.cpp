@@ -181,7 +181,8 @@ UniqueFd Store::openShared(const std::string& name) const {
 
 void Store::destroy(const std::string& name, Monitor& monitor) const {
     const UniqueFd fd = open(name);
-    lockOrFail(fd.get(), LOCK_EX, pathOf(name), "somebody verifies or restores the snapshot, or works on it");
+    lockOrFail(fd.get(), LOCK_EX, pathOf(name),
+               "somebody verifies or restores the snapshot, or works on it");
     monitor.throwIfCancelled();
     monitor.ignoreCancel();
     const std::string removed = "." + name + ".removed";

@@ -210,6 +210,15 @@ void describePrune(CLI::App& app, Options& options) {
 
 namespace {
 
+// The library knows only that something else than a verb is there.
+std::string whyNoVerb(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> words = app.remaining();
+    if (error.get_name() != "RequiredError") {
+        return error.what();
+    }
+    return words.empty() ? "no verb is given" : "there is no verb or option " + words.front();
+}
+
 const Verb* parseWords(int argc, char** argv, const std::vector<Verb>& verbs, Options& options,
                        int& status) {
     CLI::App app("Whole point-in-time snapshots of directory trees on F2FS, kept in a store.",
@@ -222,7 +231,8 @@ const Verb* parseWords(int argc, char** argv, const std::vector<Verb>& verbs, Op
         return nullptr;
     } catch (const CLI::ParseError& error) {
         const auto given = app.get_subcommands();
-        status = wrongUsage(given.empty() ? "" : given.front()->get_name(), error.what());
+        status = given.empty() ? wrongUsage("", whyNoVerb(app, error))
+                               : wrongUsage(given.front()->get_name(), error.what());
         return nullptr;
     }
     const std::string verb = app.get_subcommands().front()->get_name();

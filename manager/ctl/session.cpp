@@ -134,8 +134,8 @@ void Session::pause(const CallFailed& failure, bool& is_told) {
     constexpr timespec PAUSE = {0, 50'000'000};
     nanosleep(&PAUSE, nullptr);
     if (caughtSignal() != 0) {
-        f2fs_snapshot_error cancelled = {
-            sizeof cancelled, F2FS_SNAPSHOT_ERROR_CANCELLED, 0, "", "cancelled"};
+        f2fs_snapshot_error cancelled = {sizeof cancelled, F2FS_SNAPSHOT_ERROR_CANCELLED, 0, "",
+                                         "cancelled"};
         throw CallFailed(cancelled);
     }
 }
