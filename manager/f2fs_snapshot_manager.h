@@ -185,8 +185,8 @@ F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_report_free(f2fs_snapshot_report* r
 typedef struct f2fs_snapshot_info {
     size_t size;
     const char* name;
-    const char* path; /* the directory that holds the trees: source S is at path + S */
-    const char* const* sources;
+    const char* path;           /* the directory that holds the trees: source S is at path + S */
+    const char* const* sources; /* without links, in the order of their paths */
     size_t source_count;
     int64_t created; /* when the call began */
     /* The instant whose contents the snapshot holds lies between these two. */

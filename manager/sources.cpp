@@ -156,6 +156,9 @@ std::vector<Source> openSources(const Store& store, const std::vector<std::strin
         }
         sources.push_back(std::move(source));
     }
+    std::sort(sources.begin(), sources.end(), [](const Source& one, const Source& other) {
+        return comparePaths(one.path, other.path) < 0;
+    });
     return sources;
 }
 

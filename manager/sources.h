@@ -18,7 +18,8 @@ struct Source {
     struct statx identity;
 };
 
-// Opens the directories. Throws ERROR_SOURCE for one that no snapshot of this store can have.
+// Opens the directories, and sorts them as a TreeWalk would meet them. Throws ERROR_SOURCE for one
+// that no snapshot of this store can have.
 std::vector<Source> openSources(const Store& store, const std::vector<std::string>& paths);
 
 // Locks the sources against other calls for them or for directories above or below them. Returns
