@@ -606,11 +606,11 @@ TEST_F(CreateTest, CallsAreKeptApart) {
 // A call that verifies or restores a snapshot holds its lock.
 TEST_F(CreateTest, ASnapshotInUseStays) {
     expectWhole("a");
-    const int fd = open(at("store/a").c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(flock(fd, LOCK_SH), 0);
+    f2fs_snapshot_hold* hold = nullptr;
+    ASSERT_EQ(f2fs_snapshot_hold_take(store, "a", &hold, nullptr), F2FS_SNAPSHOT_OK);
     EXPECT_EQ(destroy("a"), F2FS_SNAPSHOT_ERROR_BUSY);
     expectIntact("a");
-    close(fd);
+    f2fs_snapshot_hold_release(hold);
     EXPECT_EQ(destroy("a"), F2FS_SNAPSHOT_OK);
 }
 
