@@ -5,7 +5,6 @@
 #include <linux/fs.h>
 #include <linux/stat.h>
 #include <stdarg.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
