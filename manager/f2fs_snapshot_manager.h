@@ -308,8 +308,8 @@ typedef struct f2fs_snapshot_create_options {
  * A failure of the library leaves the last lines of its log in the store's file .NAME.log, which
  * the next successful create removes; the error's message names it.
  *
- * Errors: ARGUMENT, NAME, EXISTS, SOURCE, BUSY, UNSUPPORTED, CANCELLED, TIMEOUT, LIBRARY,
- * NOT_WHOLE, SYSTEM.
+ * Errors: ARGUMENT (also a relative source), NAME, EXISTS, SOURCE, BUSY, UNSUPPORTED, CANCELLED,
+ * TIMEOUT, LIBRARY, NOT_WHOLE, SYSTEM.
  */
 F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_create(f2fs_snapshot_store* store,
                                                        const char* const* sources,

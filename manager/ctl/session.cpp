@@ -63,11 +63,9 @@ Owned<f2fs_snapshot_info> Session::create(bool is_temporary) {
     options.temporary = is_temporary ? 1 : 0;
     const std::vector<const char*> sources = pointers(options_.sources);
     try {
-        Owned<f2fs_snapshot_info> info = whenFree([&] {
-            return obtain<f2fs_snapshot_info>([&](auto* made, auto* error) {
-                return f2fs_snapshot_create(store(), sources.data(), sources.size(), &options, made,
-                                            error);
-            });
+        auto info = obtainWhenFree<f2fs_snapshot_info>([&](auto* made, auto* error) {
+            return f2fs_snapshot_create(store(), sources.data(), sources.size(), &options, made,
+                                        error);
         });
         clearProgress();
         return info;

@@ -69,6 +69,12 @@ class Session {
         progress_.clear();
     }
 
+    // As obtain().
+    template <typename T, typename Call>
+    Owned<T> obtainWhenFree(Call call) {
+        return whenFree([&] { return obtain<T>(call); });
+    }
+
   private:
     void pause(const CallFailed& failure, bool& is_told);
 

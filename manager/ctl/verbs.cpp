@@ -164,10 +164,8 @@ std::vector<std::string> namesToVerify(const Session& session, const Options& op
 Owned<f2fs_snapshot_report> verifyOne(Session& session, const std::string& name) {
     f2fs_snapshot_verify_options options = F2FS_SNAPSHOT_VERIFY_OPTIONS_INIT;
     options.callbacks = session.callbacks();
-    Owned<f2fs_snapshot_report> report = session.whenFree([&] {
-        return obtain<f2fs_snapshot_report>([&](auto* made, auto* error) {
-            return f2fs_snapshot_verify(session.store(), name.c_str(), &options, made, error);
-        });
+    auto report = session.obtainWhenFree<f2fs_snapshot_report>([&](auto* made, auto* error) {
+        return f2fs_snapshot_verify(session.store(), name.c_str(), &options, made, error);
     });
     session.clearProgress();
     return report;
@@ -212,11 +210,9 @@ int restore(const Options& options) {
     given.overwrite = options.overwrite ? 1 : 0;
     given.dry_run = options.dry_run ? 1 : 0;
     const Owned<f2fs_snapshot_info> info = session.info(name);
-    const auto report = session.whenFree([&] {
-        return obtain<f2fs_snapshot_report>([&](auto* made, auto* error) {
-            return f2fs_snapshot_restore(session.store(), name.c_str(), options.destination.c_str(),
-                                         &given, made, error);
-        });
+    const auto report = session.obtainWhenFree<f2fs_snapshot_report>([&](auto* made, auto* error) {
+        return f2fs_snapshot_restore(session.store(), name.c_str(), options.destination.c_str(),
+                                     &given, made, error);
     });
     session.clearProgress();
     const int status = statusOf(*report);
@@ -291,11 +287,10 @@ int prune(const Options& options) {
     f2fs_snapshot_prune_options rules = options.prune;
     rules.callbacks = session.callbacks();
     rules.dry_run = options.dry_run ? 1 : 0;
-    const auto result = session.whenFree([&] {
-        return obtain<f2fs_snapshot_prune_result>([&](auto* made, auto* error) {
+    const auto result =
+        session.obtainWhenFree<f2fs_snapshot_prune_result>([&](auto* made, auto* error) {
             return f2fs_snapshot_prune(session.store(), &rules, made, error);
         });
-    });
     session.clearProgress();
     Json verdicts = Json::array();
     for (const auto* entry : elements(result->entries, result->entry_count, result->entry_size)) {
