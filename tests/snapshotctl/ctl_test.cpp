@@ -74,6 +74,9 @@ TEST_F(Ctl, PrintsWhatItDoes) {
               "  note: it is not whole: \"show\" names what changed while it was made\n"
               "two: intact, 3 files, 2 directories, 0 links, 16 B\n");
     EXPECT_EQ(done({"verify", "one", "two", "--quiet"}), "");
+    EXPECT_NE(json({"verify", "one"}, 0).find("\"whole\": false"), std::string::npos);
+    EXPECT_NE(json({"restore", "-n", "one", "/new"}, 0).find("\"whole\": false"),
+              std::string::npos);
     EXPECT_EQ(done({"prune", "--keep-last", "1", "--dry-run"}),
               "kept          two: last\nwould remove  one\n");
     EXPECT_EQ(stored(), "one\ntwo\n");
