@@ -186,11 +186,14 @@ int32_t f2fs_snapshot_check(f2fs_snapshot_store* store, const char* const* sourc
     return guarded(error, [&] {
         requireArgument(store, "store");
         requireArgument(report, "report");
-        Monitor monitor(optionsOf(options).callbacks);
+        const f2fs_snapshot_check_options known = optionsOf(options);
+        Monitor monitor(known.callbacks);
+        const std::string name = known.name != nullptr ? known.name : manager::nameOfNow();
+        store->store.requireFree(name);
         *report = newReport(manager::checkSources(
             store->store,
-            manager::openSources(store->store, manager::pathsOf(sources, source_count)),
-            manager::nameOfNow(), monitor));
+            manager::openSources(store->store, manager::pathsOf(sources, source_count)), name,
+            monitor));
     });
 }
 
@@ -236,6 +239,20 @@ int32_t f2fs_snapshot_disk_usage(f2fs_snapshot_store* store, const char* name, u
         requireArgument(bytes, "bytes");
         *bytes = manager::diskUsage(store->store, name);
     });
+}
+
+int32_t f2fs_snapshot_hold_take(f2fs_snapshot_store* store, const char* name,
+                                f2fs_snapshot_hold** hold, f2fs_snapshot_error* error) {
+    return guarded(error, [&] {
+        requireArgument(store, "store");
+        requireArgument(name, "name");
+        requireArgument(hold, "hold");
+        *hold = new f2fs_snapshot_hold{store->store.openShared(name)};
+    });
+}
+
+void f2fs_snapshot_hold_release(f2fs_snapshot_hold* hold) {
+    delete hold;
 }
 
 int32_t f2fs_snapshot_verify(f2fs_snapshot_store* store, const char* name,

@@ -14,6 +14,10 @@ struct f2fs_snapshot_store {
     manager::Store store;
 };
 
+struct f2fs_snapshot_hold {
+    manager::UniqueFd lock;
+};
+
 namespace manager {
 
 // Fills in the caller's error from the exception that is being handled; returns its code.

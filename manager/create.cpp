@@ -175,12 +175,7 @@ void Creation::prepare() {
     }
     store_lock_ = store_.lock(monitor_);
     source_locks_ = lockSources(sources_);
-    struct statx there = {};
-    if (attributesOf(store_.fd(), request_.name.c_str(), there) != ENOENT) {
-        throw Failure(F2FS_SNAPSHOT_ERROR_EXISTS, store_.pathOf(request_.name),
-                      "there is a snapshot " + shown(request_.name) + " already in " +
-                          shown(store_.path()) + ": destroy it first, or take another name");
-    }
+    store_.requireFree(request_.name);
     partial_ = std::make_unique<Partial>(store_, request_.name, monitor_);
 }
 

@@ -185,8 +185,8 @@ F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_report_free(f2fs_snapshot_report* r
 typedef struct f2fs_snapshot_info {
     size_t size;
     const char* name;
-    const char* path; /* the directory that holds the trees: source S is at path + S */
-    const char* const* sources;
+    const char* path;           /* the directory that holds the trees: source S is at path + S */
+    const char* const* sources; /* without links, in the order of their paths */
     size_t source_count;
     int64_t created; /* when the call began */
     /* The instant whose contents the snapshot holds lies between these two. */
@@ -244,9 +244,10 @@ F2FS_SNAPSHOT_MANAGER_API const char* f2fs_snapshot_store_path(const f2fs_snapsh
 typedef struct f2fs_snapshot_check_options {
     size_t size;
     const f2fs_snapshot_callbacks* callbacks; /* progress and cancel */
+    const char* name; /* that the snapshot shall get; NULL: the time, as for create */
 } f2fs_snapshot_check_options;
 #define F2FS_SNAPSHOT_CHECK_OPTIONS_INIT \
-    { sizeof(f2fs_snapshot_check_options), NULL }
+    { sizeof(f2fs_snapshot_check_options), NULL, NULL }
 
 /*
  * Reports each path below the sources that would make f2fs_snapshot_create fail (severity FAILS)
@@ -259,7 +260,8 @@ typedef struct f2fs_snapshot_check_options {
  * options  may be NULL
  * report   f2fs_snapshot_report_free
  *
- * Errors: as f2fs_snapshot_create for sources that it refuses as a whole; CANCELLED, SYSTEM.
+ * Errors: as f2fs_snapshot_create for names, and for sources that it refuses as a whole; CANCELLED,
+ * SYSTEM.
  */
 F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_check(f2fs_snapshot_store* store,
                                                       const char* const* sources,
@@ -306,8 +308,8 @@ typedef struct f2fs_snapshot_create_options {
  * A failure of the library leaves the last lines of its log in the store's file .NAME.log, which
  * the next successful create removes; the error's message names it.
  *
- * Errors: ARGUMENT, NAME, EXISTS, SOURCE, BUSY, UNSUPPORTED, CANCELLED, TIMEOUT, LIBRARY,
- * NOT_WHOLE, SYSTEM.
+ * Errors: ARGUMENT (also a relative source), NAME, EXISTS, SOURCE, BUSY, UNSUPPORTED, CANCELLED,
+ * TIMEOUT, LIBRARY, NOT_WHOLE, SYSTEM.
  */
 F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_create(f2fs_snapshot_store* store,
                                                        const char* const* sources,
@@ -362,6 +364,23 @@ F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_disk_usage(f2fs_snapshot_store* 
                                                            const char* name, uint64_t* bytes,
                                                            f2fs_snapshot_error* error);
 
+/* --- Hold --- */
+
+typedef struct f2fs_snapshot_hold f2fs_snapshot_hold;
+
+/*
+ * Keeps a snapshot from being destroyed while the caller reads it: until the hold is released or
+ * the process ends. Programs that the process executes do not inherit it.
+ *
+ * Errors: NAME, NOT_FOUND, FORMAT, BUSY (it is being destroyed), SYSTEM.
+ */
+F2FS_SNAPSHOT_MANAGER_API int32_t f2fs_snapshot_hold_take(f2fs_snapshot_store* store,
+                                                          const char* name,
+                                                          f2fs_snapshot_hold** hold,
+                                                          f2fs_snapshot_error* error);
+/* Takes NULL too. The store may be closed before. */
+F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_hold_release(f2fs_snapshot_hold* hold);
+
 /* --- Verify --- */
 
 typedef struct f2fs_snapshot_verify_options {
@@ -405,7 +424,7 @@ typedef struct f2fs_snapshot_restore_options {
  * one put there meanwhile. The snapshot cannot be destroyed meanwhile.
  *
  * What the snapshot has lost, or holds other than the manifest has it, does not end the call: the
- * rest is restored, and the report names it with severity FAILS.
+ * rest is restored. The report names it with severity FAILS and does not count it.
  *
  * Without `overwrite`, the destination must be empty or missing. The trees are made in its
  * subdirectory .f2fs_snapshot_restore.partial and appear under their names when they are complete
@@ -420,7 +439,8 @@ typedef struct f2fs_snapshot_restore_options {
  *
  * destination  made (0700) if missing; its parent must exist. Not in the store
  * options      may be NULL
- * report       may be NULL; what could not be restored, and counts. f2fs_snapshot_report_free
+ * report       may be NULL; what could not be restored, and counts of the rest.
+ * f2fs_snapshot_report_free
  *
  * Errors: ARGUMENT, NAME, NOT_FOUND (the snapshot, or one of the paths in it), FORMAT, EXISTS,
  * BUSY, CANCELLED, SYSTEM.
@@ -446,8 +466,8 @@ typedef struct f2fs_snapshot_destroy_options {
  *
  * options  may be NULL
  *
- * Errors: NAME, NOT_FOUND, BUSY (the store, or somebody verifies or restores it), CANCELLED,
- * SYSTEM.
+ * Errors: NAME, NOT_FOUND, BUSY (the store, or somebody verifies, restores or holds it),
+ * CANCELLED, SYSTEM.
  */
 F2FS_SNAPSHOT_MANAGER_API int32_t
 f2fs_snapshot_destroy(f2fs_snapshot_store* store, const char* name,
@@ -490,8 +510,8 @@ F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_prune_result_free(f2fs_snapshot_pru
 
 /*
  * Removes the snapshots that no rule keeps, the oldest first. Damaged and temporary ones are
- * neither counted nor removed. One that somebody verifies or restores stays, for the reason "in
- * use".
+ * neither counted nor removed. One that somebody verifies, restores or holds stays, for the
+ * reason "in use".
  *
  * result  may be NULL; f2fs_snapshot_prune_result_free
  *

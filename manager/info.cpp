@@ -29,40 +29,88 @@ json toJson(const Finding& finding) {
             {"message", finding.message}};
 }
 
-Finding findingFromJson(const json& value) {
-    return {decodePath(value.at("path")),
-            static_cast<f2fs_snapshot_finding_kind>(value.at("kind").get<int>()),
-            static_cast<f2fs_snapshot_severity>(value.at("severity").get<int>()),
-            value.at("message"), value.at("os_error")};
-}
-
 [[noreturn]] void refuse(const std::string& path, const std::string& why) {
     throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, path, shown(path) + " is damaged: " + why);
 }
 
+template <typename T>
+bool isOf(const json& value) {
+    return std::is_same_v<T, std::string> ? value.is_string()
+           : std::is_same_v<T, bool>      ? value.is_boolean()
+           : std::is_unsigned_v<T>        ? value.is_number_unsigned()
+                                          : value.is_number_integer();
+}
+
+// Reads what is at a place like "instant/0". The library's own messages tell no user where.
+template <typename T>
+void read(const json& object, const std::string& place, T& value) {
+    const json::json_pointer pointer("/" + place);
+    const bool is_there = object.contains(pointer);
+    if (!is_there || !isOf<T>(object.at(pointer))) {
+        throw Failure(
+            F2FS_SNAPSHOT_ERROR_FORMAT, "",
+            "\"" + place + "\" " + (is_there ? "has a value of another type" : "is missing"));
+    }
+    object.at(pointer).get_to(value);
+}
+
+void readPath(const json& object, const std::string& place, std::string& path) {
+    read(object, place, path);
+    try {
+        path = decodePath(path);
+    } catch (const Failure& failure) {
+        throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, "", "in \"" + place + "\", " + failure.message);
+    }
+}
+
+// Calls read_element("list/0"), and so on for each element.
+template <typename ReadElement>
+void readList(const json& object, const std::string& list, ReadElement read_element) {
+    if (!object.contains(list) || !object[list].is_array()) {
+        throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, "", "it has no list \"" + list + "\"");
+    }
+    for (size_t i = 0; i < object[list].size(); ++i) {
+        read_element(list + "/" + std::to_string(i));
+    }
+}
+
+Finding findingFromJson(const json& object, const std::string& place) {
+    Finding finding = {};
+    int kind = 0;
+    int severity = 0;
+    readPath(object, place + "/path", finding.path);
+    read(object, place + "/kind", kind);
+    read(object, place + "/severity", severity);
+    read(object, place + "/message", finding.message);
+    read(object, place + "/os_error", finding.os_error);
+    finding.kind = static_cast<f2fs_snapshot_finding_kind>(kind);
+    finding.severity = static_cast<f2fs_snapshot_severity>(severity);
+    return finding;
+}
+
 Info fromJson(const json& value) {
     Info info;
-    info.name = decodePath(value.at("name"));
-    for (const json& source : value.at("sources")) {
-        info.sources.push_back(decodePath(source));
-    }
-    value.at("created").get_to(info.created);
-    value.at("instant").at(0).get_to(info.instant_earliest);
-    value.at("instant").at(1).get_to(info.instant_latest);
-    value.at("files").get_to(info.counts.files);
-    value.at("directories").get_to(info.counts.directories);
-    value.at("links").get_to(info.counts.links);
-    value.at("bytes").get_to(info.counts.bytes);
-    value.at("attempts").get_to(info.attempts);
-    value.at("passes").get_to(info.passes);
-    value.at("files_again").get_to(info.files_again);
-    value.at("whole").get_to(info.whole);
-    value.at("links_blocked").get_to(info.links_blocked);
-    value.at("digests").get_to(info.has_digests);
-    value.at("temporary").get_to(info.is_temporary);
-    for (const json& finding : value.at("findings")) {
-        info.findings.push_back(findingFromJson(finding));
-    }
+    readPath(value, "name", info.name);
+    readList(value, "sources", [&](const std::string& place) {
+        readPath(value, place, info.sources.emplace_back());
+    });
+    read(value, "created", info.created);
+    read(value, "instant/0", info.instant_earliest);
+    read(value, "instant/1", info.instant_latest);
+    read(value, "files", info.counts.files);
+    read(value, "directories", info.counts.directories);
+    read(value, "links", info.counts.links);
+    read(value, "bytes", info.counts.bytes);
+    read(value, "attempts", info.attempts);
+    read(value, "passes", info.passes);
+    read(value, "files_again", info.files_again);
+    read(value, "whole", info.whole);
+    read(value, "links_blocked", info.links_blocked);
+    read(value, "digests", info.has_digests);
+    read(value, "temporary", info.is_temporary);
+    readList(value, "findings", [&](const std::string& place) {
+        info.findings.push_back(findingFromJson(value, place));
+    });
     return info;
 }
 
@@ -135,12 +183,12 @@ Info infoFromJson(const std::string& text, const std::string& path) {
     int format = 0;
     try {
         const json value = json::parse(text);
-        value.at("format").get_to(format);
+        read(value, "format", format);
         if (format == FORMAT) {
             return fromJson(value);
         }
-    } catch (const json::exception& error) {
-        refuse(path, shown(error.what()));
+    } catch (const json::parse_error& error) {
+        refuse(path, "it is no JSON from byte " + std::to_string(error.byte) + " on");
     } catch (const Failure& failure) {
         refuse(path, failure.message);
     }

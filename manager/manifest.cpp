@@ -7,6 +7,7 @@
 #include <linux/limits.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -155,7 +156,6 @@ void ManifestWriter::open() {
 void ManifestWriter::add(const Recorded& line, int content,
                          const std::function<void()>& on_progress) {
     // libarchive writes nothing before the end, and keeps some hundred bytes per line until then.
-    // One manifest can follow another: its head is a comment.
     constexpr size_t MOST_HELD = 4096;
     if (held_ == MOST_HELD) {
         close();
@@ -171,35 +171,83 @@ void ManifestWriter::close() {
     }
 }
 
-std::vector<Recorded> readManifest(int directory, const std::string& path) {
-    const std::string file = path + "/" + MANIFEST_FILE;
-    const UniqueFd fd(openat(directory, MANIFEST_FILE, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd.valid()) {
-        throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, file,
-                      shown(file) + " is damaged: " + reasonOf(errno), errno);
+ManifestReader::ManifestReader(int directory, const std::string& path)
+    : path_(path + "/" + MANIFEST_FILE),
+      fd_(openat(directory, MANIFEST_FILE, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)) {
+    if (!fd_.valid()) {
+        throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, path_,
+                      shown(path_) + " is damaged: " + reasonOf(errno), errno);
+    }
+}
+
+bool ManifestReader::next(Recorded& line) {
+    while (next_ == part_.size()) {
+        if (!readPart()) {
+            return false;
+        }
+    }
+    line = std::move(part_[next_++]);
+    if (!last_.empty() && comparePaths(last_, line.path) >= 0) {
+        throw Failure(
+            F2FS_SNAPSHOT_ERROR_FORMAT, path_,
+            shown(path_) + " is damaged: it has " + shown(line.path) + " behind " + shown(last_));
+    }
+    last_ = line.path;
+    return true;
+}
+
+// False: there is none.
+bool ManifestReader::readPart() {
+    const std::string text = partText();
+    part_.clear();
+    next_ = 0;
+    if (text.empty()) {
+        return false;
     }
     const auto reader = newReader();
-    if (archive_read_open_fd(reader.get(), fd.get(), 1 << 16) != ARCHIVE_OK) {
-        failArchive(reader.get(), file, F2FS_SNAPSHOT_ERROR_FORMAT);
-    }
-    std::vector<Recorded> lines;
     archive_entry* entry = nullptr;
-    int ret;
-    while ((ret = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
-        lines.push_back(lineOf(entry));
-        if (lines.back().path.compare(0, 2, "./") != 0) {
-            throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, file,
-                          shown(file) + " is damaged: a path does not begin with \"./\"");
-        }
-        lines.back().path.erase(0, 1);
+    int ret = archive_read_open_memory(reader.get(), text.data(), text.size());
+    while (ret == ARCHIVE_OK &&
+           (ret = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
+        append(entry);
     }
     if (ret != ARCHIVE_EOF) {
-        failArchive(reader.get(), file, F2FS_SNAPSHOT_ERROR_FORMAT);
+        failArchive(reader.get(), path_, F2FS_SNAPSHOT_ERROR_FORMAT);
     }
-    std::sort(lines.begin(), lines.end(), [](const Recorded& one, const Recorded& other) {
+    std::sort(part_.begin(), part_.end(), [](const Recorded& one, const Recorded& other) {
         return comparePaths(one.path, other.path) < 0;
     });
-    return lines;
+    return true;
+}
+
+// The file's text to the beginning of the next part, or to its end.
+std::string ManifestReader::partText() {
+    constexpr char START[] = "\n#mtree";
+    char buffer[1 << 16];
+    for (size_t searched = 0;;) {
+        const size_t end = text_.find(START, searched);
+        const ssize_t length =
+            end == std::string::npos ? read(fd_.get(), buffer, sizeof buffer) : 0;
+        if (length < 0) {
+            failSystem("read", path_);
+        }
+        if (length == 0) {
+            std::string part = text_.substr(0, end == std::string::npos ? end : end + 1);
+            text_.erase(0, part.size());
+            return part;
+        }
+        searched = text_.size() - std::min(text_.size(), sizeof START);
+        text_.append(buffer, static_cast<size_t>(length));
+    }
+}
+
+void ManifestReader::append(archive_entry* entry) {
+    part_.push_back(lineOf(entry));
+    if (part_.back().path.compare(0, 2, "./") != 0) {
+        throw Failure(F2FS_SNAPSHOT_ERROR_FORMAT, path_,
+                      shown(path_) + " is damaged: a path does not begin with \"./\"");
+    }
+    part_.back().path.erase(0, 1);
 }
 
 std::string digestOf(int file, uint64_t size, const std::string& path,

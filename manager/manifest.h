@@ -4,7 +4,9 @@
 // manifest.mtree has a line for each directory, file and link of the sources, in bsdtar's mtree
 // format with full paths, which begin "./" at the generation's snapshot/. Modes, owners and times
 // are those of the sources, read at the end of create; sizes, and SHA-256 digests if they were
-// asked for, are those of the snapshot's files.
+// asked for, are those of the snapshot's files. It consists of parts, each of which begins with
+// "#mtree": libarchive keeps all that it reads and writes in memory. Parts follow each other in the
+// order of a TreeWalk; within one, lines are in the order that libarchive gives them.
 //
 // xattrs.dump has the sources' extended attributes in the format of getfattr --dump --encoding=hex;
 // absent if there are none. SELinux labels are left out, because the policy sets them.
@@ -20,6 +22,7 @@
 #include "manager/file.h"
 
 struct archive;
+struct archive_entry;
 
 namespace manager {
 
@@ -61,9 +64,26 @@ class ManifestWriter {
     size_t held_ = 0;  // lines that libarchive keeps in memory
 };
 
-// The lines of a generation's manifest in the order of a TreeWalk. Throws ERROR_FORMAT for a
-// damaged one.
-std::vector<Recorded> readManifest(int directory, const std::string& path);
+// Reads a manifest, in the order of a TreeWalk. Throws ERROR_FORMAT for a damaged one.
+class ManifestReader {
+  public:
+    // directory  of the generation at `path`
+    ManifestReader(int directory, const std::string& path);
+    // Reads the next line; false: there is none.
+    bool next(Recorded& line);
+
+  private:
+    bool readPart();
+    std::string partText();
+    void append(archive_entry* entry);
+
+    std::string path_;
+    UniqueFd fd_;
+    std::string text_;  // what was read of the file, and is not in part_
+    std::vector<Recorded> part_;
+    size_t next_ = 0;
+    std::string last_;  // path
+};
 
 // Extended attributes by path (absolute) and name.
 using Attributes = std::map<std::string, std::map<std::string, std::string>>;

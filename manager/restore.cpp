@@ -184,6 +184,18 @@ class Survey {
     Missing missing_;
 };
 
+void count(const Recorded& recorded, Counts& counts) {
+    const uint32_t type = recorded.mode & S_IFMT;
+    counts.files += type == S_IFREG ? 1 : 0;
+    counts.directories += type == S_IFDIR ? 1 : 0;
+    counts.links += type == S_IFLNK ? 1 : 0;
+    counts.bytes += type == S_IFREG ? recorded.size : 0;
+}
+
+bool isFailure(const Finding& finding) {
+    return finding.severity == F2FS_SNAPSHOT_FAILS;
+}
+
 class Restore {
   public:
     Restore(const Store& store, const std::string& name,
@@ -194,21 +206,30 @@ class Restore {
           selection_(options),
           monitor_(monitor) {
         readInfo(generation_.get(), path_, name);  // it must be of a format that is known
-        for (Recorded& line : readManifest(generation_.get(), path_)) {
-            if (selection_.has(line.path)) {
-                lines_.push_back(std::move(line));
-            }
-        }
+        monitor_.begin(F2FS_SNAPSHOT_PHASE_LIST);
+        forEachLine([this](const Recorded& recorded) { count(recorded, report.counts); });
         selection_.requireAllKnown(name);
     }
 
-    // Counts what is to be restored and finds what is in its way.
+    // Finds what is in the way.
     void survey(const Destination& destination);
     void run(const Destination& destination);
 
     Report report;
 
   private:
+    // Calls each(Recorded) with what is to be restored, a directory before what it holds. Reads the
+    // manifest anew: it can be larger than the memory.
+    template <typename Each>
+    void forEachLine(Each each) {
+        ManifestReader manifest(generation_.get(), path_);
+        for (Recorded recorded; manifest.next(recorded);) {
+            monitor_.poll();
+            if (selection_.has(recorded.path)) {
+                each(recorded);
+            }
+        }
+    }
     void requireNothingInTheWay();
     void restoreInto(int top, const std::string& path);
     void restore(const Recorded& recorded);
@@ -221,49 +242,37 @@ class Restore {
     const bool overwrite_;
     Selection selection_;
     Monitor& monitor_;
-    std::vector<Recorded> lines_;  // what is to be restored, a directory before what it holds
+    uint64_t files_ = 0;  // to be restored
 
     int top_ = -1;
     std::unique_ptr<Replica> replica_;
     std::unique_ptr<Position> from_;
     std::unique_ptr<Position> to_;
-    std::vector<const Recorded*> directories_;  // get their attributes when all is in them
-    Missing missing_;                           // in the snapshot
+    std::vector<Recorded> directories_;  // get their attributes when all is in them
+    Missing missing_;                    // in the snapshot
 };
 
 void Restore::survey(const Destination& destination) {
-    monitor_.begin(F2FS_SNAPSHOT_PHASE_LIST);
-    std::unique_ptr<Survey> survey;
     if (overwrite_ && destination.exists()) {
-        survey = std::make_unique<Survey>(destination, report);
+        Survey survey(destination, report);
+        forEachLine([&](const Recorded& recorded) { survey.look(recorded); });
     } else if (destination.exists()) {
         destination.requireEmpty();
     }
-    for (const Recorded& recorded : lines_) {
-        monitor_.poll();
-        const uint32_t type = recorded.mode & S_IFMT;
-        report.counts.files += type == S_IFREG ? 1 : 0;
-        report.counts.directories += type == S_IFDIR ? 1 : 0;
-        report.counts.links += type == S_IFLNK ? 1 : 0;
-        report.counts.bytes += type == S_IFREG ? recorded.size : 0;
-        if (survey) {
-            survey->look(recorded);
-        }
-    }
 }
 
-// The findings of the survey are for dry runs only.
 void Restore::requireNothingInTheWay() {
     for (const Finding& finding : report.findings) {
-        if (finding.severity == F2FS_SNAPSHOT_FAILS) {
+        if (isFailure(finding)) {
             throw Failure(F2FS_SNAPSHOT_ERROR_EXISTS, finding.path, finding.message);
         }
     }
-    report.findings.clear();
 }
 
 void Restore::run(const Destination& destination) {
     requireNothingInTheWay();
+    files_ = report.counts.files;
+    report = {};  // that of the survey is for dry runs
     destination.removePartial(monitor_);
     if (overwrite_) {
         restoreInto(destination.fd(), destination.path());
@@ -279,7 +288,7 @@ void Restore::run(const Destination& destination) {
 }
 
 void Restore::restoreInto(int top, const std::string& path) {
-    monitor_.begin(F2FS_SNAPSHOT_PHASE_RESTORE, report.counts.files);
+    monitor_.begin(F2FS_SNAPSHOT_PHASE_RESTORE, files_);
     const std::string snapshot = path_ + "/snapshot";
     replica_ = std::make_unique<Replica>(readAttributes(generation_.get(), path_), report,
                                          [this] { monitor_.poll(); });
@@ -287,11 +296,16 @@ void Restore::restoreInto(int top, const std::string& path) {
                                        snapshot);
     to_ = std::make_unique<Position>(reopened(top, path), path);
     top_ = top;
-    for (const Recorded& recorded : lines_) {
-        if (!missing_.has(recorded.path)) {
-            restore(recorded);
+    forEachLine([this](const Recorded& recorded) {
+        const auto known = static_cast<ptrdiff_t>(report.findings.size());
+        if (missing_.has(recorded.path)) {
+            return;
         }
-    }
+        restore(recorded);
+        if (std::none_of(report.findings.begin() + known, report.findings.end(), isFailure)) {
+            count(recorded, report.counts);
+        }
+    });
     monitor_.begin(F2FS_SNAPSHOT_PHASE_SYNC);
     finishDirectories(top, path, false);
     if (syncfs(top) != 0) {
@@ -315,7 +329,7 @@ void Restore::restore(const Recorded& recorded) {
             if (mkdirat(spot.directory, spot.name.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
                 failSystem("make the directory", recorded.path);
             }
-            directories_.push_back(&recorded);
+            directories_.push_back(recorded);
             break;
         case S_IFLNK:
             replica_->makeLink(recorded, spot);
@@ -362,7 +376,7 @@ void Restore::finishDirectories(int top, const std::string& path, bool tops) {
     Position position(reopened(top, path), path);
     // The deeper ones first: a directory's mode can forbid entering it.
     for (auto each = directories_.rbegin(); each != directories_.rend(); ++each) {
-        const Recorded& recorded = **each;
+        const Recorded& recorded = *each;
         const Components names = componentsOf(recorded.path);
         if ((names.size() == 1) != tops) {
             continue;

@@ -37,11 +37,10 @@ bool isWithin(const std::string& path, const std::string& top) {
 }
 
 Source openSource(const std::string& given) {
-    if (given.empty()) {
-        refuse(given, "the path is empty");
-    }
-    if (given[0] != '/') {
-        refuse(given, "the path is relative; give it from / on");
+    if (given.empty() || given[0] != '/') {
+        throw Failure(F2FS_SNAPSHOT_ERROR_ARGUMENT, given,
+                      "cannot snapshot \"" + shown(given) + "\": the path is " +
+                          (given.empty() ? "empty" : "relative; give it from / on"));
     }
     Source source = {given, {}, {}};
     try {
@@ -157,6 +156,9 @@ std::vector<Source> openSources(const Store& store, const std::vector<std::strin
         }
         sources.push_back(std::move(source));
     }
+    std::sort(sources.begin(), sources.end(), [](const Source& one, const Source& other) {
+        return comparePaths(one.path, other.path) < 0;
+    });
     return sources;
 }
 
@@ -203,10 +205,23 @@ Rules::Rules(const Store& store, const std::vector<Source>& sources, const std::
                 "the tool f2fs_snapshot would split its path at ';'");
         }
     }
-    const int error = probeDriver(store);
-    if (error != 0) {
-        add(F2FS_SNAPSHOT_FOUND_NO_DRIVER, store.path(),
+    probeStore();
+}
+
+void Rules::probeStore() {
+    const UniqueFd fd(openat(store_.fd(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    dedup_file_info info = {};
+    if (fd.valid() && ioctl(fd.get(), F2FS_IOC_DEDUP_GET_FILE_INFO, &info) == 0) {
+        return;
+    }
+    const int error = errno;
+    const bool has_no_such_files = error == EOPNOTSUPP || error == EISDIR;  // as F2FS has
+    if (fd.valid() || has_no_such_files) {
+        add(F2FS_SNAPSHOT_FOUND_NO_DRIVER, store_.path(),
             "its volume has no driver for snapshots (" + reasonOf(error) + ")", error);
+    } else {
+        add(F2FS_SNAPSHOT_FOUND_DIRECTORY_ACCESS, store_.path(),
+            "no file can be made in it: " + reasonOf(error), error);
     }
 }
 
@@ -304,12 +319,6 @@ std::vector<Finding> Rules::take() {
                          return comparePaths(one.path, two.path) < 0;
                      });
     return std::move(findings_);
-}
-
-int probeDriver(const Store& store) {
-    const UniqueFd fd(openat(store.fd(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    dedup_file_info info = {};
-    return fd.valid() && ioctl(fd.get(), F2FS_IOC_DEDUP_GET_FILE_INFO, &info) == 0 ? 0 : errno;
 }
 
 void tryFile(const TreeWalk& walk, Rules& rules) {

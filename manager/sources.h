@@ -18,7 +18,8 @@ struct Source {
     struct statx identity;
 };
 
-// Opens the directories. Throws ERROR_SOURCE for one that no snapshot of this store can have.
+// Opens the directories, and sorts them as a TreeWalk would meet them. Throws ERROR_SOURCE for one
+// that no snapshot of this store can have.
 std::vector<Source> openSources(const Store& store, const std::vector<std::string>& paths);
 
 // Locks the sources against other calls for them or for directories above or below them. Returns
@@ -51,6 +52,7 @@ class Rules {
     std::vector<Finding> take();
 
   private:
+    void probeStore();
     void judgeFile(const TreeWalk& walk);
     void judgeDirectory(const TreeWalk& walk);
     bool isOnOtherMount(const TreeWalk& walk) const;
@@ -63,10 +65,6 @@ class Rules {
     // Inode number and path of each file with a link count above 1.
     std::vector<std::pair<uint64_t, std::string>> linked_;
 };
-
-// Whether the store's volume has the requests of the driver: 0, or the errno value of the first
-// one.
-int probeDriver(const Store& store);
 
 // Whether a file can be snapshotted: opens it as the library does. Adds what is wrong to the rules.
 void tryFile(const TreeWalk& walk, Rules& rules);

@@ -137,6 +137,16 @@ void Store::removeLogs() const {
     }
 }
 
+void Store::requireFree(const std::string& name) const {
+    checkName(name);
+    struct statx there = {};
+    if (attributesOf(fd(), name.c_str(), there) != ENOENT) {
+        throw Failure(F2FS_SNAPSHOT_ERROR_EXISTS, pathOf(name),
+                      "there is a snapshot " + shown(name) + " already in " + shown(path_) +
+                          ": destroy it first, or take another name");
+    }
+}
+
 UniqueFd Store::open(const std::string& name) const {
     checkName(name);
     UniqueFd fd(openat(fd_.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -171,7 +181,8 @@ UniqueFd Store::openShared(const std::string& name) const {
 
 void Store::destroy(const std::string& name, Monitor& monitor) const {
     const UniqueFd fd = open(name);
-    lockOrFail(fd.get(), LOCK_EX, pathOf(name), "somebody verifies or restores the snapshot");
+    lockOrFail(fd.get(), LOCK_EX, pathOf(name),
+               "somebody verifies or restores the snapshot, or works on it");
     monitor.throwIfCancelled();
     monitor.ignoreCancel();
     const std::string removed = "." + name + ".removed";

@@ -2,7 +2,7 @@
 // A store: the directory that holds named snapshots. A snapshot with its records is a generation.
 //
 //     STORE/                    0700, the caller's; locked (flock) by a call that changes it
-//     STORE/NAME/               a whole snapshot; locked, shared, by who verifies or restores it
+//     STORE/NAME/               a whole snapshot; locked, shared, by who uses it
 //     STORE/NAME/snapshot/      what the library made: source S is at snapshot + S
 //     STORE/NAME/manifest.mtree names, attributes and digests of the sources (manifest.h)
 //     STORE/NAME/xattrs.dump    extended attributes of the sources, if they have any (manifest.h)
@@ -53,6 +53,9 @@ class Store {
 
     // The names that snapshots have, sorted by bytes.
     std::vector<std::string> names() const;
+
+    // Throws ERROR_NAME, or ERROR_EXISTS, unless a new snapshot can have this name.
+    void requireFree(const std::string& name) const;
 
     // Opens a snapshot's directory. Throws ERROR_NAME or ERROR_NOT_FOUND.
     UniqueFd open(const std::string& name) const;

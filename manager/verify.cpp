@@ -21,7 +21,7 @@ class Verification {
         : monitor_(monitor),
           generation_(store.openShared(name)),
           info_(readInfo(generation_.get(), store.pathOf(name), name)),
-          lines_(readManifest(generation_.get(), store.pathOf(name))) {}
+          manifest_(generation_.get(), store.pathOf(name)) {}
 
     Report run();
 
@@ -35,32 +35,31 @@ class Verification {
     Monitor& monitor_;
     UniqueFd generation_;
     Info info_;
-    std::vector<Recorded> lines_;
+    ManifestReader manifest_;
     Report report_;
 };
 
 Report Verification::run() {
     monitor_.begin(F2FS_SNAPSHOT_PHASE_VERIFY, info_.counts.files);
     TreeWalk walk(openDirectory(generation_.get(), "snapshot", info_.path), info_.path);
-    auto line = lines_.begin();
+    Recorded line;
+    bool has_line = manifest_.next(line);
     bool has_walk = walk.next() && walk.next();  // the top itself is above all sources
-    while (line != lines_.end() || has_walk) {
+    while (has_line || has_walk) {
         const std::string path = has_walk ? walk.path().substr(info_.path.size()) : "";
         if (has_walk && walk.type() == S_IFDIR && isAboveSource(path)) {
             has_walk = walk.next();
             continue;
         }
-        const int order = line == lines_.end() ? 1
-                          : !has_walk          ? -1
-                                               : comparePaths(line->path, path);
+        const int order = !has_line ? 1 : !has_walk ? -1 : comparePaths(line.path, path);
         if (order < 0) {
-            differ(F2FS_SNAPSHOT_FOUND_MISSING, line->path, "it is missing");
+            differ(F2FS_SNAPSHOT_FOUND_MISSING, line.path, "it is missing");
         } else if (order > 0) {
             differ(F2FS_SNAPSHOT_FOUND_UNEXPECTED, path, "it is not in the manifest");
         } else {
-            compare(walk, *line);
+            compare(walk, line);
         }
-        line += order <= 0 ? 1 : 0;
+        has_line = order <= 0 ? manifest_.next(line) : has_line;
         has_walk = order >= 0 ? walk.next() : has_walk;
     }
     return std::move(report_);

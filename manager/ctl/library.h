@@ -14,6 +14,9 @@ struct Release {
     void operator()(f2fs_snapshot_store* store) const {
         f2fs_snapshot_store_close(store);
     }
+    void operator()(f2fs_snapshot_hold* hold) const {
+        f2fs_snapshot_hold_release(hold);
+    }
     void operator()(f2fs_snapshot_info* info) const {
         f2fs_snapshot_info_free(info);
     }

@@ -21,6 +21,12 @@ void addDryRun(CLI::App& app, Options& options) {
     app.add_flag("-n,--dry-run", options.dry_run, "Change nothing, only tell what would be done");
 }
 
+void addWait(CLI::App& app, Options& options) {
+    app.add_option("--wait", options.wait,
+                   "Seconds to wait while another call holds what is needed (default: 0)")
+        ->type_name("SECONDS");
+}
+
 void addSources(CLI::App& app, Options& options) {
     app.add_option("SOURCE", options.sources, "Directories to snapshot, by their absolute paths")
         ->required();
@@ -50,7 +56,8 @@ void setUp(CLI::App& app, const std::vector<Verb>& verbs, Options& options) {
         ->type_name("DIR")
         ->envname("F2FS_SNAPSHOT_STORE");
     app.add_flag("--json", options.json, "Write one JSON document instead of text");
-    app.add_flag("-q,--quiet", options.quiet, "No progress, no word about success");
+    app.add_flag("-q,--quiet", options.quiet,
+                 "Write only errors, what leads to status 3, and the names for list");
     for (const Verb& verb : verbs) {
         CLI::App* sub = app.add_subcommand(verb.name, verb.summary);
         sub->fallthrough();
@@ -122,6 +129,7 @@ void describeCreate(CLI::App& app, Options& options) {
     app.add_option("--time-limit", options.create.time_limit,
                    "Seconds that one attempt may take (default: 3600)")
         ->check(CLI::Range(1, 1000000));
+    addWait(app, options);
     addDryRun(app, options);
 }
 
@@ -145,6 +153,7 @@ void describeShow(CLI::App& app, Options& options) {
 void describeVerify(CLI::App& app, Options& options) {
     CLI::Option* names = addNames(app, options, "The snapshots");
     app.add_flag("--all", options.all, "All snapshots of the store")->excludes(names);
+    addWait(app, options);
     app.final_callback([&options] {
         if (options.names.empty() && !options.all) {
             throw CLI::ValidationError("verify", "needs names of snapshots, or --all");
@@ -161,11 +170,13 @@ void describeRestore(CLI::App& app, Options& options) {
         ->take_all()
         ->allow_extra_args(false);
     app.add_flag("--overwrite", options.overwrite, "Restore into what DEST holds, replacing files");
+    addWait(app, options);
     addDryRun(app, options);
 }
 
 void describeDestroy(CLI::App& app, Options& options) {
     addNames(app, options, "The snapshots")->required();
+    addWait(app, options);
     addDryRun(app, options);
 }
 
@@ -193,10 +204,20 @@ void describePrune(CLI::App& app, Options& options) {
            },
            "Keep all that are at most this much older than the newest")
         ->type_name("SPAN");
+    addWait(app, options);
     addDryRun(app, options);
 }
 
 namespace {
+
+// The library knows only that something else than a verb is there.
+std::string whyNoVerb(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> words = app.remaining();
+    if (error.get_name() != "RequiredError") {
+        return error.what();
+    }
+    return words.empty() ? "no verb is given" : "there is no verb or option " + words.front();
+}
 
 const Verb* parseWords(int argc, char** argv, const std::vector<Verb>& verbs, Options& options,
                        int& status) {
@@ -205,21 +226,31 @@ const Verb* parseWords(int argc, char** argv, const std::vector<Verb>& verbs, Op
     setUp(app, verbs, options);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        status = app.exit(error) == 0 ? SUCCESS : WRONG_USAGE;
+    } catch (const CLI::Success& help_or_version) {
+        status = app.exit(help_or_version);
         return nullptr;
-    }
-    if (options.store.empty()) {
-        fputs("f2fs_snapshotctl: no store: give --store DIR, or set F2FS_SNAPSHOT_STORE\n", stderr);
-        status = WRONG_USAGE;
+    } catch (const CLI::ParseError& error) {
+        const auto given = app.get_subcommands();
+        status = given.empty() ? wrongUsage("", whyNoVerb(app, error))
+                               : wrongUsage(given.front()->get_name(), error.what());
         return nullptr;
     }
     const std::string verb = app.get_subcommands().front()->get_name();
+    if (options.store.empty()) {
+        status = wrongUsage(verb, "no store: give --store DIR, or set F2FS_SNAPSHOT_STORE");
+        return nullptr;
+    }
     return &*std::find_if(verbs.begin(), verbs.end(),
                           [&](const Verb& candidate) { return verb == candidate.name; });
 }
 
 }  // namespace
+
+int wrongUsage(const std::string& verb, const std::string& what) {
+    fprintf(stderr, "f2fs_snapshotctl: %s\nTry \"f2fs_snapshotctl %s--help\".\n", what.c_str(),
+            verb.empty() ? "" : (verb + " ").c_str());
+    return WRONG_USAGE;
+}
 
 const Verb* parse(int argc, char** argv, const std::vector<Verb>& verbs, Options& options,
                   int& status) {
@@ -235,8 +266,7 @@ const Verb* parse(int argc, char** argv, const std::vector<Verb>& verbs, Options
     }
     options.command.assign(argv + std::min(separator + 1, argc), argv + argc);
     if (options.command.empty()) {
-        fputs("f2fs_snapshotctl: run needs \"--\" and a command behind the sources\n", stderr);
-        status = WRONG_USAGE;
+        status = wrongUsage("run", "run needs \"--\" and a command behind the sources");
         return nullptr;
     }
     return verb;

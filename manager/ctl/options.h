@@ -19,6 +19,7 @@ struct Options {
     bool json = false;
     bool quiet = false;
     bool dry_run = false;
+    uint32_t wait = 0;                 // seconds
     std::vector<std::string> sources;  // check, create, run
     std::vector<std::string> command;  // run: what stands behind "--"
     std::string snapshot;              // show, restore: its name
@@ -45,6 +46,10 @@ struct Verb {
 // Returns the verb that was given. nullptr: nothing is left to do, `status` is the exit status.
 const Verb* parse(int argc, char** argv, const std::vector<Verb>& verbs, Options& options,
                   int& status);
+
+// Tells on standard error what is wrong with the command line, and how to get help for the verb
+// ("": none was given). Returns the exit status.
+int wrongUsage(const std::string& verb, const std::string& what);
 
 // The options of each verb, for the table of verbs.
 void describeCheck(CLI::App& app, Options& options);

@@ -2,7 +2,6 @@
 // The verb run: a command that works on a snapshot of its own.
 #include <spawn.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -120,27 +119,27 @@ int runCommand(const std::vector<std::string>& words) {
     return error == ENOENT ? COMMAND_NOT_FOUND : COMMAND_NOT_EXECUTED;
 }
 
-// Another call can have the store's lock for a while. Returns whether the snapshot is gone.
-bool destroyPatiently(const Session& session, const std::string& name) {
-    constexpr timespec PAUSE = {0, 100'000'000};
-    for (;;) {
-        try {
-            session.destroy(name, nullptr);
+// Waits for other calls that change the store. Returns whether the snapshot is gone.
+bool destroyPatiently(Session& session, const std::string& name) {
+    constexpr std::chrono::hours CENTURY(100 * 365 * 24);
+    try {
+        session.whenFree(CENTURY, [&] { session.destroy(name, nullptr); });
+        return true;
+    } catch (const CallFailed& failure) {
+        if (failure.error.code == F2FS_SNAPSHOT_ERROR_NOT_FOUND) {
             return true;
-        } catch (const CallFailed& failure) {
-            if (failure.error.code != F2FS_SNAPSHOT_ERROR_BUSY || caughtSignal() != 0) {
-                fprintf(stderr, "f2fs_snapshotctl: the snapshot %s is left: %s\n",
-                        shown(name.c_str()).c_str(), failure.error.message);
-                return false;
-            }
         }
-        nanosleep(&PAUSE, nullptr);
+        fprintf(stderr, "f2fs_snapshotctl: the snapshot %s is left: %s\n",
+                shown(name.c_str()).c_str(), failure.error.message);
+        return false;
     }
 }
 
 int runOn(Session& session, const Options& options) {
     const Owned<f2fs_snapshot_info> info = session.create(true);
-    if (!options.json) {
+    // Closed on exec: the lock ends with this program, whatever the command starts.
+    Owned<f2fs_snapshot_hold> hold = session.hold(info->name);
+    if (!options.json && (!options.quiet || info->whole == 0)) {
         printFindings(stderr, findingsOf(*info), info->finding_count);
     }
     setEnvironment(session, *info);
@@ -149,6 +148,7 @@ int runOn(Session& session, const Options& options) {
         word = replaced(word, info->path);
     }
     int status = runCommand(words);
+    hold.reset();
     const bool destroyed = destroyPatiently(session, info->name);
     if (options.json) {
         // Standard output is the command's.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "manager/ctl/session.h"
 
+#include <time.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -41,7 +42,9 @@ int caughtSignal() {
 Session::Session(const Options& options, uint32_t flags)
     : options_(options),
       progress_(stderr, styleFor(STDERR_FILENO, options.quiet || options.json),
-                columnsOf(STDERR_FILENO)) {
+                columnsOf(STDERR_FILENO)),
+      has_made_store_((flags & F2FS_SNAPSHOT_STORE_CREATE) != 0 &&
+                      access(options.store.c_str(), F_OK) != 0) {
     callbacks_.context = &progress_;
     callbacks_.progress = [](void* context, const f2fs_snapshot_progress* progress) {
         static_cast<Progress*>(context)->show(*progress, std::chrono::steady_clock::now());
@@ -59,16 +62,25 @@ Owned<f2fs_snapshot_info> Session::create(bool is_temporary) {
     options.digests = options_.digests ? 1 : 0;
     options.temporary = is_temporary ? 1 : 0;
     const std::vector<const char*> sources = pointers(options_.sources);
-    Owned<f2fs_snapshot_info> info = obtain<f2fs_snapshot_info>([&](auto* made, auto* error) {
-        return f2fs_snapshot_create(store(), sources.data(), sources.size(), &options, made, error);
-    });
-    clearProgress();
-    return info;
+    try {
+        auto info = obtainWhenFree<f2fs_snapshot_info>([&](auto* made, auto* error) {
+            return f2fs_snapshot_create(store(), sources.data(), sources.size(), &options, made,
+                                        error);
+        });
+        clearProgress();
+        return info;
+    } catch (const CallFailed&) {
+        if (has_made_store_) {
+            rmdir(f2fs_snapshot_store_path(store()));  // unless it holds the log of the failure
+        }
+        throw;
+    }
 }
 
 Owned<f2fs_snapshot_report> Session::check() {
     f2fs_snapshot_check_options options = F2FS_SNAPSHOT_CHECK_OPTIONS_INIT;
     options.callbacks = callbacks();
+    options.name = options_.create.name;
     const std::vector<const char*> sources = pointers(options_.sources);
     Owned<f2fs_snapshot_report> found = obtain<f2fs_snapshot_report>([&](auto* made, auto* error) {
         return f2fs_snapshot_check(store(), sources.data(), sources.size(), &options, made, error);
@@ -104,7 +116,33 @@ void Session::destroy(const std::string& name, const f2fs_snapshot_callbacks* ca
     });
 }
 
+Owned<f2fs_snapshot_hold> Session::hold(const std::string& name) const {
+    return obtain<f2fs_snapshot_hold>([&](auto* hold, auto* error) {
+        return f2fs_snapshot_hold_take(store(), name.c_str(), hold, error);
+    });
+}
+
+// Tells once why.
+void Session::pause(const CallFailed& failure, bool& is_told) {
+    clearProgress();
+    if (!is_told && !options_.quiet && !options_.json) {
+        fprintf(stderr, "f2fs_snapshotctl: waiting: %s\n", failure.error.message);
+    }
+    is_told = true;
+    constexpr timespec PAUSE = {0, 50'000'000};
+    nanosleep(&PAUSE, nullptr);
+    if (caughtSignal() != 0) {
+        f2fs_snapshot_error cancelled = {sizeof cancelled, F2FS_SNAPSHOT_ERROR_CANCELLED, 0, "",
+                                         "cancelled"};
+        throw CallFailed(cancelled);
+    }
+}
+
 int report(const CallFailed& failure, const Options& options, const char* verb) {
+    if (failure.error.code == F2FS_SNAPSHOT_ERROR_ARGUMENT ||
+        failure.error.code == F2FS_SNAPSHOT_ERROR_NAME) {
+        return wrongUsage(verb, failure.error.message);
+    }
     fprintf(stderr, "f2fs_snapshotctl: %s\n", failure.error.message);
     if (options.json) {
         print({{"verb", verb}, {"error", errorJson(failure.error)}});

@@ -2,6 +2,7 @@
 // What all verbs share: the store, progress and cancel, and how failures are told.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -39,16 +40,48 @@ class Session {
     Owned<f2fs_snapshot_info> info(const std::string& name) const;
     uint64_t diskUsage(const std::string& name) const;
     void destroy(const std::string& name, const f2fs_snapshot_callbacks* callbacks) const;
+    Owned<f2fs_snapshot_hold> hold(const std::string& name) const;
+
+    // Calls `call`, which may throw CallFailed, and repeats it while it fails because another call
+    // is at work: for as long as --wait says.
+    template <typename Call>
+    auto whenFree(Call call) {
+        return whenFree(std::chrono::seconds(options_.wait), call);
+    }
+    template <typename Call>
+    auto whenFree(std::chrono::seconds wait, Call call) {
+        bool is_told = false;
+        for (const auto begin = std::chrono::steady_clock::now();;) {
+            try {
+                return call();
+            } catch (const CallFailed& failure) {
+                if (failure.error.code != F2FS_SNAPSHOT_ERROR_BUSY ||
+                    std::chrono::steady_clock::now() - begin >= wait) {
+                    throw;
+                }
+                pause(failure, is_told);
+            }
+        }
+    }
 
     // Before anything is printed while a bar may be there.
     void clearProgress() {
         progress_.clear();
     }
 
+    // As obtain().
+    template <typename T, typename Call>
+    Owned<T> obtainWhenFree(Call call) {
+        return whenFree([&] { return obtain<T>(call); });
+    }
+
   private:
+    void pause(const CallFailed& failure, bool& is_told);
+
     const Options& options_;
     Progress progress_;
     f2fs_snapshot_callbacks callbacks_ = F2FS_SNAPSHOT_CALLBACKS_INIT;
+    bool has_made_store_;
     Owned<f2fs_snapshot_store> store_;
 };
 

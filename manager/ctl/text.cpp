@@ -82,6 +82,12 @@ void printFindings(FILE* out, const Findings& findings, size_t limit) {
     }
 }
 
+void printIfNotWhole(FILE* out, const f2fs_snapshot_info& info) {
+    if (info.whole == 0) {
+        fprintf(out, "  note: it is not whole: \"show\" names what changed while it was made\n");
+    }
+}
+
 std::string stateText(const f2fs_snapshot_info& info) {
     return std::string(info.whole != 0 ? "whole" : "not whole") +
            (info.temporary != 0 ? ", temporary" : "");

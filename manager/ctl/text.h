@@ -38,7 +38,10 @@ void printFindings(FILE* out, const Findings& findings, size_t limit);
 // All that is known about a snapshot, its findings included.
 void printInfo(const f2fs_snapshot_info& info, uint64_t disk_bytes);
 
-// "whole" or how many findings there are.
+// Prints a line about a snapshot that is not whole, for those who use it.
+void printIfNotWhole(FILE* out, const f2fs_snapshot_info& info);
+
+// Like "whole" and "not whole, temporary".
 std::string stateText(const f2fs_snapshot_info& info);
 
 }  // namespace ctl

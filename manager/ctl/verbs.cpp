@@ -26,6 +26,11 @@ int statusOf(const f2fs_snapshot_report& report) {
                                                                          : SUCCESS;
 }
 
+// With --quiet, the status 0 tells enough.
+bool isTold(const Options& options, int status) {
+    return !options.quiet || status != SUCCESS;
+}
+
 int tellCheck(const f2fs_snapshot_report& report, const Options& options, const char* verb) {
     if (options.json) {
         Json sources = Json::array();
@@ -35,8 +40,7 @@ int tellCheck(const f2fs_snapshot_report& report, const Options& options, const 
         Json document = {{"verb", verb}, {"dry_run", true}, {"sources", sources}};
         addReport(document, report);
         print(document);
-    } else {
-        const Findings findings = findingsOf(report);
+    } else if (const Findings findings = findingsOf(report); isTold(options, statusOf(report))) {
         printf("%s: %s\n", countsText(report).c_str(),
                findings.empty() ? "nothing found" : countText(findings.size(), "finding").c_str());
         printFindings(stdout, findings, findings.size());
@@ -57,17 +61,16 @@ int create(const Options& options) {
         return tellCheck(*session.check(), options, "create");
     }
     const Owned<f2fs_snapshot_info> info = session.create();
+    const int status = info->whole != 0 ? SUCCESS : FOUND_SOMETHING;
     if (options.json) {
         print({{"verb", "create"}, {"dry_run", false}, {"snapshot", infoJson(*info)}});
-    } else {
+    } else if (isTold(options, status)) {
         // What went wrong has to say which snapshot it is about.
-        if (!options.quiet || info->whole == 0) {
-            fprintf(options.quiet ? stderr : stdout, "%s: %s, %s\n", shown(info->name).c_str(),
-                    stateText(*info).c_str(), countsText(*info).c_str());
-        }
+        fprintf(options.quiet ? stderr : stdout, "%s: %s, %s\n", shown(info->name).c_str(),
+                stateText(*info).c_str(), countsText(*info).c_str());
         printFindings(stderr, findingsOf(*info), FEW);
     }
-    return info->whole != 0 ? SUCCESS : FOUND_SOMETHING;
+    return status;
 }
 
 namespace {
@@ -161,7 +164,7 @@ std::vector<std::string> namesToVerify(const Session& session, const Options& op
 Owned<f2fs_snapshot_report> verifyOne(Session& session, const std::string& name) {
     f2fs_snapshot_verify_options options = F2FS_SNAPSHOT_VERIFY_OPTIONS_INIT;
     options.callbacks = session.callbacks();
-    Owned<f2fs_snapshot_report> report = obtain<f2fs_snapshot_report>([&](auto* made, auto* error) {
+    auto report = session.obtainWhenFree<f2fs_snapshot_report>([&](auto* made, auto* error) {
         return f2fs_snapshot_verify(session.store(), name.c_str(), &options, made, error);
     });
     session.clearProgress();
@@ -175,17 +178,19 @@ int verify(const Options& options) {
     Json results = Json::array();
     int status = SUCCESS;
     for (const std::string& name : namesToVerify(session, options)) {
+        const Owned<f2fs_snapshot_info> info = session.info(name);
         const Owned<f2fs_snapshot_report> report = verifyOne(session, name);
         const Findings findings = findingsOf(*report);
         status = findings.empty() ? status : FOUND_SOMETHING;
         if (options.json) {
-            results.push_back({{"name", pathText(name.c_str())}});
+            results.push_back({{"name", pathText(name.c_str())}, {"whole", info->whole != 0}});
             addReport(results.back(), *report);
         } else if (!options.quiet || !findings.empty()) {
             printf("%s: %s, %s\n", shown(name.c_str()).c_str(),
                    findings.empty() ? "intact" : countText(findings.size(), "difference").c_str(),
                    countsText(*report).c_str());
             printFindings(stdout, findings, findings.size());
+            printIfNotWhole(stdout, *info);
         }
     }
     if (options.json) {
@@ -204,28 +209,34 @@ int restore(const Options& options) {
     given.path_count = paths.size();
     given.overwrite = options.overwrite ? 1 : 0;
     given.dry_run = options.dry_run ? 1 : 0;
-    const auto report = obtain<f2fs_snapshot_report>([&](auto* made, auto* error) {
+    const Owned<f2fs_snapshot_info> info = session.info(name);
+    const auto report = session.obtainWhenFree<f2fs_snapshot_report>([&](auto* made, auto* error) {
         return f2fs_snapshot_restore(session.store(), name.c_str(), options.destination.c_str(),
                                      &given, made, error);
     });
     session.clearProgress();
+    const int status = statusOf(*report);
     if (options.json) {
         Json document = {{"verb", "restore"},
                          {"dry_run", options.dry_run},
                          {"name", pathText(name.c_str())},
+                         {"whole", info->whole != 0},
                          {"destination", pathText(options.destination.c_str())}};
         addReport(document, *report);
         print(document);
-        return statusOf(*report);
+        return status;
     }
     if (!options.quiet) {
         printf("%s %s to %s: %s\n", options.dry_run ? "would restore" : "restored",
                shown(name.c_str()).c_str(), shown(options.destination.c_str()).c_str(),
                countsText(*report).c_str());
     }
-    const Findings findings = findingsOf(*report);
-    printFindings(stderr, findings, options.dry_run ? findings.size() : FEW);
-    return statusOf(*report);
+    if (isTold(options, status)) {
+        const Findings findings = findingsOf(*report);
+        printFindings(stderr, findings, options.dry_run ? findings.size() : FEW);
+        printIfNotWhole(stderr, *info);
+    }
+    return status;
 }
 
 int destroy(const Options& options) {
@@ -244,7 +255,7 @@ int destroy(const Options& options) {
     }
     for (const std::string& name : options.names) {
         if (!options.dry_run) {
-            session.destroy(name, session.callbacks());
+            session.whenFree([&] { session.destroy(name, session.callbacks()); });
             session.clearProgress();
         }
         if (!options.json && !options.quiet) {
@@ -276,9 +287,10 @@ int prune(const Options& options) {
     f2fs_snapshot_prune_options rules = options.prune;
     rules.callbacks = session.callbacks();
     rules.dry_run = options.dry_run ? 1 : 0;
-    const auto result = obtain<f2fs_snapshot_prune_result>([&](auto* made, auto* error) {
-        return f2fs_snapshot_prune(session.store(), &rules, made, error);
-    });
+    const auto result =
+        session.obtainWhenFree<f2fs_snapshot_prune_result>([&](auto* made, auto* error) {
+            return f2fs_snapshot_prune(session.store(), &rules, made, error);
+        });
     session.clearProgress();
     Json verdicts = Json::array();
     for (const auto* entry : elements(result->entries, result->entry_count, result->entry_size)) {

@@ -62,8 +62,6 @@ TEST_F(StoreTest, NamesAndSourcesThatAreRefused) {
                     " && mkdir -p store/in out source/m && touch file && "
                     "ln -s source link && ln -s store/in into"});
     const std::vector<std::string> refused[] = {
-        {""},
-        {"source"},
         {at("none")},
         {at("file")},
         {"/"},
@@ -110,20 +108,32 @@ TEST_F(StoreTest, StructuresOfOtherSizes) {
 
 // Damage is reported, and affects no other snapshot.
 TEST_F(StoreTest, DamagedSnapshots) {
-    const std::pair<const char*, const char*> damages[] = {
-        {"info.json", "rm info.json"},
-        {"info.json", "rm info.json; mkdir info.json"},
-        {"info.json", "rm info.json; ln -s ../b/info.json info.json"},
-        {"info.json", ": >info.json"},
-        {"info.json", "echo '{\"format\": 1}' >info.json"},
-        {"info.json", "sed -i 's/\"format\": 1/\"format\": 2/' info.json"},
-        {"info.json", "sed -i 's/\"name\": .*/\"name\": \"%4\",/' info.json"},
-        {"manifest.mtree", "rm manifest.mtree"},
-        {"manifest.mtree", "echo 'a b=c' >manifest.mtree; head -c 99 /dev/zero >>manifest.mtree"},
-        {"manifest.mtree", "sed -i 's,^[.]/,/,' manifest.mtree"},
+    const struct {
+        const char* file;
+        const char* script;
+        const char* says;
+    } damages[] = {
+        {"info.json", "rm info.json", "No such file"},
+        {"info.json", "rm info.json; mkdir info.json", "Is a directory"},
+        {"info.json", "rm info.json; ln -s ../b/info.json info.json", "links"},
+        {"info.json", "echo '{\"name\": 1,}' >info.json", "no JSON from byte 12 on"},
+        {"info.json", "echo '{\"format\": 1}' >info.json", "\"name\" is missing"},
+        {"info.json", "sed -i 's/\"format\": 1/\"format\": 2/' info.json", "unknown format 2"},
+        {"info.json", "sed -i 's/\"name\": .*/\"name\": \"%4\",/' info.json", "in \"name\", %4"},
+        {"info.json", "sed -i 's/\"files\": 0/\"files\": -1/' info.json", "\"files\" has a value"},
+        {"info.json", "sed -i 's/\"whole\": true/\"whole\": 1/' info.json",
+         "\"whole\" has a value"},
+        {"info.json", "sed -i 's/\"findings\": .*/\"findings\": [{}],/' info.json",
+         "\"findings/0/path\""},
+        {"info.json", "sed -i 's/\"sources\": ./\"sources\": 0, \"other\": [/' info.json",
+         "no list \"sources\""},
+        {"manifest.mtree", "rm manifest.mtree", "No such file"},
+        {"manifest.mtree", "echo 'a b=c' >manifest.mtree; head -c 99 /dev/zero >>manifest.mtree",
+         ""},
+        {"manifest.mtree", "sed -i 's,^[.]/,x/,' manifest.mtree", "begin with"},
     };
     ASSERT_EQ(create("b").code, F2FS_SNAPSHOT_OK);
-    for (const auto& [file, script] : damages) {
+    for (const auto& [file, script, says] : damages) {
         SCOPED_TRACE(script);
         ASSERT_EQ(create("a").code, F2FS_SNAPSHOT_OK);
         EXPECT_EQ(shell("cd " + at("store/a") + "; " + script), "");
@@ -133,6 +143,7 @@ TEST_F(StoreTest, DamagedSnapshots) {
         const auto verified = verify("a");
         EXPECT_EQ(verified.code, F2FS_SNAPSHOT_ERROR_FORMAT);
         EXPECT_EQ(verified.error.path, at("store/a/") + file);
+        EXPECT_NE(strstr(verified.error.message, says), nullptr) << verified.error.message;
         expectIntact("b");
         EXPECT_EQ(destroy("a"), F2FS_SNAPSHOT_OK);
     }
@@ -279,6 +290,15 @@ TEST_F(StoreTest, CheckReportsPathsOfSourcesAndMounts) {
     EXPECT_EQ(checked(), std::vector<std::string>{"9 m"});
     EXPECT_EQ(create("c").code, F2FS_SNAPSHOT_ERROR_SOURCE);
     umount2((source + "/m").c_str(), MNT_DETACH);
+    // A store that cannot be written.
+    f2fs_snapshot_store_close(store);
+    EXPECT_EQ(shell("cd " + at(".") +
+                    " && mount --bind store store && "
+                    "mount -o remount,bind,ro store"),
+              "");
+    openStore();
+    EXPECT_EQ(checked(), std::vector<std::string>{"5 " + at("store")});
+    umount2(at("store").c_str(), MNT_DETACH);
 }
 
 // A volume without the driver, and another one than the store's.

@@ -34,7 +34,7 @@ common=(
     "destroy -s $work/my.store be\t" "<destroy><-s><$work/my.store><before update>"
     "-s $work/my.store restore ni\t Mu\t" "<-s><$work/my.store><restore><nightly><Music>"
     'prune --keep-d\t 3' '<prune><--keep-daily><3>'
-    'verify --a\t' '<verify><--all>'
+    'verify --w\t 3 --a\t' '<verify><--wait><3><--all>'
 )
 bash_only=(
     "-s ~/my.st\t destroy ni\t" "<-s><$work/my.store><destroy><ni>" # not a path of that store

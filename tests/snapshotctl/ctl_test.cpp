@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The verbs of f2fs_snapshotctl: what they print, their documents and exit statuses.
+#include <sys/file.h>
+
 #include <thread>
 
 #include "tests/snapshotctl/ctl_on_volume.h"
@@ -57,24 +59,42 @@ TEST_F(Ctl, HasADocumentOfItsSchemaForEveryVerb) {
 TEST_F(Ctl, PrintsWhatItDoes) {
     EXPECT_EQ(done({"create", "--name", "one", source}),
               "one: whole, 2 files, 2 directories, 0 links, 11 B\n");
-    EXPECT_EQ(done({"create", "--quiet", "--name", "two", source}), "");
+    // With --quiet, not even that hard links are not covered.
+    fs::create_hard_link(source + "/a", source + "/c");
+    for (const auto& quiet : {words({"create", "--quiet", "--name", "two", source}),
+                              words({"run", "--quiet", source, "--", "true"})}) {
+        const Outcome outcome = runProcess(quiet);
+        EXPECT_EQ(std::to_string(outcome.status) + outcome.out + outcome.err, "0");
+    }
     EXPECT_EQ(done({"list", "--quiet"}), "one\ntwo\n");
+    ASSERT_EQ(shell("sed -i 's/\"whole\": true/\"whole\": false/' " + store + "/one/info.json"),
+              "");
     EXPECT_EQ(done({"verify", "one", "two"}),
               "one: intact, 2 files, 2 directories, 0 links, 11 B\n"
-              "two: intact, 2 files, 2 directories, 0 links, 11 B\n");
+              "  note: it is not whole: \"show\" names what changed while it was made\n"
+              "two: intact, 3 files, 2 directories, 0 links, 16 B\n");
+    EXPECT_EQ(done({"verify", "one", "two", "--quiet"}), "");
+    EXPECT_NE(json({"verify", "one"}, 0).find("\"whole\": false"), std::string::npos);
+    EXPECT_NE(json({"restore", "-n", "one", "/new"}, 0).find("\"whole\": false"),
+              std::string::npos);
     EXPECT_EQ(done({"prune", "--keep-last", "1", "--dry-run"}),
               "kept          two: last\nwould remove  one\n");
     EXPECT_EQ(stored(), "one\ntwo\n");
     EXPECT_EQ(done({"prune", "--keep-last", "1"}), "kept          two: last\nremoved       one\n");
     EXPECT_EQ(stored(), "two\n");
     const std::string shown = done({"show", "two"});
-    EXPECT_NE(shown.find("two: whole, 2 files"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("two: whole, 3 files"), std::string::npos) << shown;
     EXPECT_NE(shown.find("source       " + source + "\n"), std::string::npos) << shown;
     EXPECT_EQ(done({"destroy", "two"}), "destroyed two\n");
     EXPECT_EQ(stored(), "");
 }
 
 TEST_F(Ctl, EndsWithAStatusForEachKindOfResult) {
+    for (const bool has_store : {false, true}) {
+        ASSERT_EQ(shell(has_store ? "mkdir -m 700 " + store : ":"), "");
+        EXPECT_EQ(ctl({"create", "/nonexistent"}).status, 1);
+        EXPECT_EQ(fs::exists(store), has_store);
+    }
     done({"create", "--name", "one", source});
     const std::string before = storeInodes();
     const struct {
@@ -82,8 +102,8 @@ TEST_F(Ctl, EndsWithAStatusForEachKindOfResult) {
         std::vector<std::string> arguments;
         const char* says;  // on standard error
     } cases[] = {
-        {2, {}, "subcommand is required"},
-        {2, {"make"}, ""},
+        {2, {}, "no verb is given"},
+        {2, {"make"}, "no verb or option make"},
         {2, {"show"}, "NAME is required"},
         {2, {"list", "--store", ""}, "no store"},
         {2, {"create", "--attempts", "0", source}, "range"},
@@ -94,13 +114,14 @@ TEST_F(Ctl, EndsWithAStatusForEachKindOfResult) {
         {2, {"verify"}, "needs names"},
         {2, {"run", source}, "run needs \"--\""},
         {2, {"destroy", "--store"}, ""},
-        {1, {"prune"}, "no rule"},
+        {2, {"prune"}, "no rule"},
+        {2, {"show", "../one"}, "cannot have the name"},
+        {2, {"create", "source"}, "source"},
+        {2, {"create", ""}, ""},
+        {2, {"run", "--name", "", source, "--", "true"}, "it is empty"},
         {1, {"destroy", "one", "ones"}, "there is no snapshot ones"},
-        {1, {"show", "../one"}, "cannot have the name"},
-        {1, {"create", "--name", "one", source}, "one"},
-        {1, {"create", "source"}, "source"},
-        {1, {"create", ""}, ""},
-        {1, {"create", "--name", "", source}, "it is empty"},
+        {1, {"create", "--name", "one", source}, "one already"},
+        {1, {"create", "--name", "one", "--dry-run", source}, "one already"},
         {1, {"verify", "one", "--store", "/nonexistent"}, "/nonexistent"},
         {125, {"run", "/nonexistent", "--", "true"}, "/nonexistent"},
         {126, {"run", source, "--", "/"}, "cannot execute /"},
@@ -117,6 +138,9 @@ TEST_F(Ctl, EndsWithAStatusForEachKindOfResult) {
         EXPECT_EQ(outcome.status, c.status) << outcome.err;
         EXPECT_NE(outcome.err.find(c.says), std::string::npos) << outcome.err;
         EXPECT_EQ(outcome.err.empty(), c.status == 0 || c.status == 7 || c.status > 128);
+        EXPECT_TRUE(outcome.err.empty() || outcome.err.rfind("f2fs_snapshotctl: ", 0) == 0);
+        EXPECT_EQ(outcome.err.find("\nTry \"f2fs_snapshotctl ") != std::string::npos,
+                  c.status == 2);
         EXPECT_EQ(storeInodes(), before);
     }
     EXPECT_EQ(runProcess({"sh", "-c", F2FS_SNAPSHOTCTL_PATH " list >/dev/full"}).status, 1);
@@ -132,10 +156,51 @@ TEST_F(Ctl, GivesACommandASnapshotOfItsOwn) {
     EXPECT_EQ(outcome.out.substr(0, 20), "second\nfirst1\nsame\nx") << outcome.out << outcome.err;
     EXPECT_EQ(outcome.out.find("{}"), std::string::npos);
     EXPECT_EQ(stored(), "");
-    // A prune meanwhile counts it for nothing.
+    // A prune meanwhile counts it for nothing, destroy is refused, and what the command leaves
+    // running does not hold it.
     done({"create", "--name", "older", source});
-    done({"run", source, "--", F2FS_SNAPSHOTCTL_PATH, "prune", "--keep-last", "1"});
+    const std::string program = F2FS_SNAPSHOTCTL_PATH;
+    const Outcome held = ctl({"run", source, "--", "sh", "-c",
+                              program + " prune --quiet --keep-last 1; " + program +
+                                  " destroy $F2FS_SNAPSHOT_NAME; sleep 1000 >&- 2>&- & echo $!"});
+    EXPECT_NE(held.err.find("works on it"), std::string::npos) << held.err;
     EXPECT_EQ(stored(), "older\n");
+    EXPECT_EQ(kill(std::stoi(held.out), SIGKILL), 0);
+}
+
+TEST_F(Ctl, WaitsForOtherCalls) {
+    done({"create", "--name", "older", source});
+    const std::vector<std::string> calls[] = {{"verify", "older"},
+                                              {"restore", "older", volume.root() / "out"},
+                                              {"create", source},
+                                              {"prune", "--keep-last", "9"},
+                                              {"destroy", "older"}};
+    for (const std::vector<std::string>& call : calls) {
+        SCOPED_TRACE(call[0]);
+        const int locks[] = {open(store.c_str(), O_RDONLY | O_CLOEXEC),
+                             open((store + "/older").c_str(), O_RDONLY | O_CLOEXEC)};
+        for (const int lock : locks) {
+            EXPECT_EQ(flock(lock, LOCK_EX), 0);
+        }
+        EXPECT_EQ(ctl(call).status, 1);
+        for (const bool is_cancelled : {true, false}) {
+            const std::string said = volume.root() / "said";
+            write(said, "");
+            const pid_t child = startChild([&] {
+                std::vector<std::string> patient = words(call);
+                patient.insert(patient.end(), {"--wait", "100000"});
+                const int errors = open(said.c_str(), O_WRONLY | O_APPEND);
+                return execute(patient, errors, errors);
+            });
+            while (read(said).find("waiting: ") == std::string::npos) {
+                std::this_thread::yield();
+            }
+            for (const int lock : locks) {
+                is_cancelled ? kill(child, SIGTERM) : close(lock);
+            }
+            EXPECT_EQ(endChild(child), is_cancelled ? 128 + SIGTERM : 0) << read(said);
+        }
+    }
 }
 
 // Signals to the program reach the command, whose exit status is the program's.

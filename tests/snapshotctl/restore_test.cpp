@@ -147,17 +147,21 @@ TEST_F(Restore, SavesWhatADamagedSnapshotHas) {
               "");
     done({"create", "--digests", "--name", "one", source});
     ASSERT_EQ(shell("cd " + store + "/one/snapshot" + source + " && rm -r gone sub/b type && " +
-                    "mkdir type && : >short && echo 3 >changed"),
+                    "mkdir type && : >short && echo 3 >changed && " +
+                    "sed -i 's/\"whole\": true/\"whole\": false/' " + store + "/one/info.json"),
               "");
     const Outcome outcome = ctl({"restore", "one", out});
     EXPECT_EQ(outcome.status, 3);
+    EXPECT_NE(outcome.out.find(": 2 files, 2 directories, 0 links, 7 B\n"), std::string::npos)
+        << outcome.out;  // a and twin
     EXPECT_EQ(read(restored() + "/a"), "first");
     EXPECT_EQ(read(restored() + "/changed"), "3\n");
     EXPECT_EQ(read(restored() + "/short") + read(restored() + "/twin"), "1\n");
     for (const char* line :
          {"error: ", "/gone: the snapshot has lost it\n", "/sub/b: the snapshot has lost it\n",
           "/type: the snapshot has another type", "/short: the snapshot has another size",
-          "/changed: the content that was restored", "/twin: restored as a file of its own"}) {
+          "/changed: the content that was restored", "/twin: restored as a file of its own",
+          "note: it is not whole"}) {
         EXPECT_NE(outcome.err.find(line), std::string::npos) << line << outcome.err;
     }
 }

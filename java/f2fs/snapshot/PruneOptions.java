@@ -11,6 +11,9 @@ import java.util.Objects;
  * years that have one, in local time. Each rule counts separately. A rule that finds fewer than N
  * also keeps the oldest snapshot. A snapshot that no rule keeps is removed, except the newest whole
  * one. At least one rule must be given.
+ *
+ * <p>A {@link Snapshot} that a program has open counts like any other and can be removed, also if it
+ * is not kept.
  */
 public final class PruneOptions {
     final int last;

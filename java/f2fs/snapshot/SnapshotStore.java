@@ -276,7 +276,8 @@ public final class SnapshotStore implements AutoCloseable {
      *
      * @param name the snapshot's name
      * @throws SnapshotException {@link ErrorCode#NAME}, {@link ErrorCode#NOT_FOUND}, {@link
-     *     ErrorCode#BUSY} (also while somebody verifies or restores it), {@link ErrorCode#SYSTEM}
+     *     ErrorCode#BUSY} (also while somebody verifies or restores it, or
+     *     {@code f2fs_snapshotctl run} works on it), {@link ErrorCode#SYSTEM}
      */
     public void destroy(String name) throws SnapshotException {
         destroy(name, null, null);
