@@ -423,8 +423,8 @@ typedef struct f2fs_snapshot_restore_options {
  * holes. Directories above the trees get mode 0700. Follows no link below the destination, not even
  * one put there meanwhile. The snapshot cannot be destroyed meanwhile.
  *
- * What the snapshot has lost, or holds other than the manifest has it, does not end the call: the
- * rest is restored. The report names it with severity FAILS and does not count it.
+ * Entries that the snapshot lacks, or that differ from the manifest, do not end the call: the rest
+ * is restored. The report names them with severity FAILS and does not count them.
  *
  * Without `overwrite`, the destination must be empty or missing. The trees are made in its
  * subdirectory .f2fs_snapshot_restore.partial and appear under their names when they are complete
@@ -466,7 +466,7 @@ typedef struct f2fs_snapshot_destroy_options {
  *
  * options  may be NULL
  *
- * Errors: NAME, NOT_FOUND, BUSY (the store, or somebody verifies, restores or holds it),
+ * Errors: NAME, NOT_FOUND, BUSY (the store, or the snapshot is being verified, restored or held),
  * CANCELLED, SYSTEM.
  */
 F2FS_SNAPSHOT_MANAGER_API int32_t
@@ -510,8 +510,8 @@ F2FS_SNAPSHOT_MANAGER_API void f2fs_snapshot_prune_result_free(f2fs_snapshot_pru
 
 /*
  * Removes the snapshots that no rule keeps, the oldest first. Damaged and temporary ones are
- * neither counted nor removed. One that somebody verifies, restores or holds stays, for the
- * reason "in use".
+ * neither counted nor removed. One that is being verified, restored or held stays, for
+ * the reason "in use".
  *
  * result  may be NULL; f2fs_snapshot_prune_result_free
  *

@@ -205,7 +205,7 @@ class Restore {
           overwrite_(options.overwrite != 0),
           selection_(options),
           monitor_(monitor) {
-        readInfo(generation_.get(), path_, name);  // it must be of a format that is known
+        readInfo(generation_.get(), path_, name);  // throws for an unknown format
         monitor_.begin(F2FS_SNAPSHOT_PHASE_LIST);
         forEachLine([this](const Recorded& recorded) { count(recorded, report.counts); });
         selection_.requireAllKnown(name);
@@ -218,7 +218,7 @@ class Restore {
     Report report;
 
   private:
-    // Calls each(Recorded) with what is to be restored, a directory before what it holds. Reads the
+    // Calls each(Recorded) with what is to be restored, a directory before its entries. Reads the
     // manifest anew: it can be larger than the memory.
     template <typename Each>
     void forEachLine(Each each) {
@@ -248,7 +248,7 @@ class Restore {
     std::unique_ptr<Replica> replica_;
     std::unique_ptr<Position> from_;
     std::unique_ptr<Position> to_;
-    std::vector<Recorded> directories_;  // get their attributes when all is in them
+    std::vector<Recorded> directories_;  // get their attributes after all their entries
     Missing missing_;                    // in the snapshot
 };
 
@@ -272,7 +272,7 @@ void Restore::requireNothingInTheWay() {
 void Restore::run(const Destination& destination) {
     requireNothingInTheWay();
     files_ = report.counts.files;
-    report = {};  // that of the survey is for dry runs
+    report = {};  // only a dry run reports what would be replaced
     destination.removePartial(monitor_);
     if (overwrite_) {
         restoreInto(destination.fd(), destination.path());

@@ -19,7 +19,7 @@ struct Source {
 };
 
 // Opens the directories, and sorts them as a TreeWalk would meet them. Throws ERROR_SOURCE for one
-// that no snapshot of this store can have.
+// that cannot be snapshotted into this store.
 std::vector<Source> openSources(const Store& store, const std::vector<std::string>& paths);
 
 // Locks the sources against other calls for them or for directories above or below them. Returns
@@ -66,7 +66,7 @@ class Rules {
     std::vector<std::pair<uint64_t, std::string>> linked_;
 };
 
-// Whether a file can be snapshotted: opens it as the library does. Adds what is wrong to the rules.
+// Opens a file as the library does and asks the driver about it. Adds a finding if that fails.
 void tryFile(const TreeWalk& walk, Rules& rules);
 
 }  // namespace manager

@@ -2,7 +2,7 @@
 // A store: the directory that holds named snapshots. A snapshot with its records is a generation.
 //
 //     STORE/                    0700, the caller's; locked (flock) by a call that changes it
-//     STORE/NAME/               a whole snapshot; locked, shared, by who uses it
+//     STORE/NAME/               a complete snapshot; locked (shared) while it is in use
 //     STORE/NAME/snapshot/      what the library made: source S is at snapshot + S
 //     STORE/NAME/manifest.mtree names, attributes and digests of the sources (manifest.h)
 //     STORE/NAME/xattrs.dump    extended attributes of the sources, if they have any (manifest.h)

@@ -16,7 +16,7 @@ EmulatorMount::EmulatorMount() : root_(makeDirectory(fs::temp_directory_path()))
 
 EmulatorMount::~EmulatorMount() {
     stop(SIGKILL);
-    // Not through a mount that could not be undone.
+    // Stays out of a mount that could not be unmounted.
     runProcess({"rm", "-rf", "--one-file-system", root_});
 }
 

@@ -201,7 +201,7 @@ TEST_F(EmulatorTestAsRoot, AMountOfTheVolumeBelowItsBackingDirectoryIsRefused) {
     EXPECT_EQ(endChild(watchdog, SIGKILL), 128 + SIGKILL);
 }
 
-TEST_F(EmulatorTestAsRoot, DoesWhatNoCommandAsksFor) {
+TEST_F(EmulatorTestAsRoot, ServesCallsThatNoCommandMakes) {
     chmod(volume.root().c_str(), 0755);
     // Unnamed files belong to their maker, too.
     ASSERT_TRUE(chmod(".", 0777) == 0 && setegid(2000) == 0 && seteuid(1000) == 0);

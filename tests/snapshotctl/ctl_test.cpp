@@ -156,7 +156,7 @@ TEST_F(Ctl, GivesACommandASnapshotOfItsOwn) {
     EXPECT_EQ(outcome.out.substr(0, 20), "second\nfirst1\nsame\nx") << outcome.out << outcome.err;
     EXPECT_EQ(outcome.out.find("{}"), std::string::npos);
     EXPECT_EQ(stored(), "");
-    // A prune meanwhile counts it for nothing, destroy is refused, and what the command leaves
+    // A prune meanwhile does not count it, destroy is refused, and what the command leaves
     // running does not hold it.
     done({"create", "--name", "older", source});
     const std::string program = F2FS_SNAPSHOTCTL_PATH;
