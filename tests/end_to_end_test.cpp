@@ -64,7 +64,7 @@ constexpr char COUNT_CALLS[] = R"(
     awk '$1 + 0 >= 120 && $2 != "total" { sub(/.*stat.*/, "stat", $2); print int($1 / 120), $2 }' \
         calls | sort -k 2)";
 
-TEST_F(EndToEndTest, NoCallsButTheDocumentedOnes) {
+TEST_F(EndToEndTest, NoCallMoreThanNamed) {
 #ifdef F2FS_SNAPSHOT_SANITIZED
     GTEST_SKIP() << "a sanitizer makes calls of its own";
 #endif
