@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "manager/failure.h"
+#include "manager/walk.h"
 
 namespace manager {
 
@@ -26,11 +27,6 @@ std::vector<std::string> namesIn(int directory, const std::string& path) {
 }
 
 }  // namespace
-
-bool isAtOrBelow(const std::string& path, const std::string& top) {
-    return path.compare(0, top.size(), top) == 0 &&
-           (path.size() == top.size() || path[top.size()] == '/' || top == "/");
-}
 
 Destination::Destination(const Store& store, const std::string& path, bool dry_run) : path_(path) {
     if (path.empty()) {

@@ -68,7 +68,4 @@ class PartialTree {
     bool is_kept_ = false;
 };
 
-// Whether a path is `top` or below it.
-bool isAtOrBelow(const std::string& path, const std::string& top);
-
 }  // namespace manager

@@ -11,6 +11,7 @@
 #include "manager/destination.h"
 #include "manager/info.h"
 #include "manager/replica.h"
+#include "manager/walk.h"
 
 namespace manager {
 

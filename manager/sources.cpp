@@ -30,12 +30,6 @@ constexpr uint64_t ATTRIBUTE_MOUNT_ROOT = 0x2000;
                   "cannot snapshot \"" + shown(path) + "\": " + why);
 }
 
-// Whether `path` is `top` or below it.
-bool isWithin(const std::string& path, const std::string& top) {
-    const std::string prefix = top == "/" ? top : top + "/";
-    return path == top || path.compare(0, prefix.size(), prefix) == 0;
-}
-
 Source openSource(const std::string& given) {
     if (given.empty() || given[0] != '/') {
         throw Failure(F2FS_SNAPSHOT_ERROR_ARGUMENT, given,
@@ -60,10 +54,10 @@ void checkPlace(const Source& source, const Store& store) {
     if (source.path == "/") {
         refuse(source.path, "the root directory contains the store");
     }
-    if (isWithin(source.path, store.path())) {
+    if (isAtOrBelow(source.path, store.path())) {
         refuse(source.path, "it is in the store " + shown(store.path()));
     }
-    if (isWithin(store.path(), source.path)) {
+    if (isAtOrBelow(store.path(), source.path)) {
         refuse(source.path, "the store " + shown(store.path()) + " is in it");
     }
 }
@@ -74,10 +68,10 @@ void checkApart(const Source& source, const Source& other) {
                                 ? "it is given twice"
                                 : "it is the same directory as " + shown(other.path));
     }
-    if (isWithin(source.path, other.path)) {
+    if (isAtOrBelow(source.path, other.path)) {
         refuse(source.path, "it is in " + shown(other.path) + ", which is given as well");
     }
-    if (isWithin(other.path, source.path)) {
+    if (isAtOrBelow(other.path, source.path)) {
         refuse(other.path, "it is in " + shown(source.path) + ", which is given as well");
     }
 }

@@ -17,6 +17,11 @@ int comparePaths(const std::string& one, const std::string& other) {
     return rank(*here) - rank(*there);
 }
 
+bool isAtOrBelow(const std::string& path, const std::string& top) {
+    return path.compare(0, top.size(), top) == 0 &&
+           (path.size() == top.size() || path[top.size()] == '/' || top == "/");
+}
+
 TreeWalk::TreeWalk(UniqueFd top, const std::string& path, IsUnsettled is_unsettled)
     : is_unsettled_(std::move(is_unsettled)), descent_(std::move(top), path) {}
 

@@ -15,6 +15,9 @@ namespace manager {
 // Compares two paths by the order above: negative, 0 or positive.
 int comparePaths(const std::string& one, const std::string& other);
 
+// Whether a path is `top` or below it. Both are absolute, without a slash at the end.
+bool isAtOrBelow(const std::string& path, const std::string& top);
+
 // Usage: while (walk.next()) { walk.path() ... }. The first entry is the top itself. The other
 // functions describe the current entry.
 class TreeWalk {
