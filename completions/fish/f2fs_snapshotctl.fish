@@ -24,7 +24,7 @@ set -l verb "not __fish_seen_subcommand_from $verbs"
 complete -c f2fs_snapshotctl -f
 complete -c f2fs_snapshotctl -s s -l store -x -a "(__fish_complete_directories)" -d "The store"
 complete -c f2fs_snapshotctl -l json -d "Write one JSON document"
-complete -c f2fs_snapshotctl -s q -l quiet -d "Write only what status 0 does not tell"
+complete -c f2fs_snapshotctl -s q -l quiet -d "Write only failures, findings and results"
 complete -c f2fs_snapshotctl -s h -l help -d "Print a summary"
 complete -c f2fs_snapshotctl -n "$verb" -l version -d "Print the version"
 complete -c f2fs_snapshotctl -n "$verb" -a check -d "Tell what would fail or would not be covered"

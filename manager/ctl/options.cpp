@@ -57,7 +57,7 @@ void setUp(CLI::App& app, const std::vector<Verb>& verbs, Options& options) {
         ->envname("F2FS_SNAPSHOT_STORE");
     app.add_flag("--json", options.json, "Write one JSON document instead of text");
     app.add_flag("-q,--quiet", options.quiet,
-                 "Write only errors, what leads to status 3, and the names for list");
+                 "Write only failures, findings that lead to status 3, and results");
     for (const Verb& verb : verbs) {
         CLI::App* sub = app.add_subcommand(verb.name, verb.summary);
         sub->fallthrough();

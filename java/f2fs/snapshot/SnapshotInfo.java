@@ -73,7 +73,8 @@ public final class SnapshotInfo {
     }
 
     /**
-     * The directories that were snapshotted, with symbolic links resolved.
+     * The directories that were snapshotted, with symbolic links resolved, in the order of their
+     * paths.
      *
      * @return the paths, absolute
      */
